@@ -1,0 +1,24 @@
+# The interface target vessa_flags: warnings, sanitizers and the form of source paths in log
+# records (from the project's root, whatever machine built them).
+add_library(vessa_flags INTERFACE)
+target_compile_options(vessa_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(VESSA_WERROR)
+  target_compile_options(vessa_flags INTERFACE -Werror)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # A unique symbol would keep the library mapped after its unload.
+  target_compile_options(vessa_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fno-gnu-unique>)
+endif()
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  # The locks are checked wherever the compiler can: a break of their order is an error.
+  target_compile_options(vessa_flags INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety -Wthread-safety-beta
+    -Werror=thread-safety -Werror=thread-safety-beta>)
+endif()
+if(VESSA_SANITIZE)
+  target_compile_options(vessa_flags INTERFACE
+    -fsanitize=${VESSA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(vessa_flags INTERFACE -fsanitize=${VESSA_SANITIZE})
+endif()
