@@ -1,0 +1,122 @@
+#include "process/Process.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+namespace process {
+namespace {
+
+struct ThreadKey {
+    pthread_key_t key = 0;
+    bool valid = false;
+    ThreadKey() { valid = pthread_key_create(&key, nullptr) == 0; }
+};
+
+ThreadKey& Key() {
+    static ThreadKey key;
+    return key;
+}
+
+// The working folder at load time: the loader reports a relative name as it was given, and
+// the process may change its folder before anybody asks.
+char working_folder_at_load[PATH_MAX];
+
+__attribute__((constructor)) void KeepWorkingFolder() {
+    if (getcwd(working_folder_at_load, sizeof working_folder_at_load) == nullptr)
+        working_folder_at_load[0] = '\0';
+}
+
+bool module_finalised = false;
+
+// An unload runs this before the destructors of global objects; the end of the process runs
+// it after them, for a library that was loaded by name while the process ran.
+__attribute__((destructor)) void NoteFinalisation() { module_finalised = true; }
+
+const void* OwnAddress() { return static_cast<const void*>(working_folder_at_load); }
+
+}  // namespace
+
+void* ThreadSlotGet() {
+    const ThreadKey& key = Key();
+    return key.valid ? pthread_getspecific(key.key) : nullptr;
+}
+
+bool ThreadSlotSet(void* value) {
+    const ThreadKey& key = Key();
+    return key.valid && pthread_setspecific(key.key, value) == 0;
+}
+
+void ThreadSlotFree() {
+    ThreadKey& key = Key();
+    if (key.valid) pthread_key_delete(key.key);
+    key.valid = false;
+}
+
+std::string ModuleFile() {
+    Dl_info info;
+    if (dladdr(OwnAddress(), &info) == 0 || info.dli_fname == nullptr || info.dli_fname[0] == '\0')
+        return std::string();
+    std::string file = info.dli_fname;
+    if (file[0] == '/') return file;
+    if (working_folder_at_load[0] == '\0') return std::string();
+    return std::string(working_folder_at_load) + "/" + file;
+}
+
+void* ReferenceSelf() {
+    Dl_info info;
+    if (dladdr(OwnAddress(), &info) == 0 || info.dli_fname == nullptr) return nullptr;
+    return dlopen(info.dli_fname, RTLD_NOLOAD | RTLD_NOW);
+}
+
+void ReleaseSelf(void* reference) {
+    if (reference != nullptr) dlclose(reference);
+}
+
+bool BeingUnloaded() {
+    // A library that was linked in at the start cannot be unloaded, and its end looks like
+    // an unload; its functions stand in the process's global scope.
+    if (!module_finalised) return false;
+    Dl_info global;
+    Dl_info own;
+    void* const start = dlsym(RTLD_DEFAULT, "VESSA_Init");
+    if (start == nullptr) return true;
+    return dladdr(start, &global) != 0 && dladdr(OwnAddress(), &own) != 0 &&
+           global.dli_fbase != own.dli_fbase;
+}
+
+int32_t ProcessId() { return static_cast<int32_t>(getpid()); }
+
+FILE* OpenRegularFile(const char* path) {
+    const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) return nullptr;
+    struct stat about;
+    int error = 0;
+    if (fstat(file, &about) != 0) {
+        error = errno;
+    } else if (!S_ISREG(about.st_mode)) {
+        error = S_ISDIR(about.st_mode) ? EISDIR : EINVAL;
+    } else if (FILE* const stream = fdopen(file, "rb")) {
+        return stream;
+    } else {
+        error = errno;
+    }
+    close(file);
+    errno = error;
+    return nullptr;
+}
+
+int64_t SeekToEnd(FILE* file) {
+    if (fseeko(file, 0, SEEK_END) != 0) return -1;
+    return static_cast<int64_t>(ftello(file));
+}
+
+void SetErrorFileTooLarge() { errno = EFBIG; }
+void SetErrorTooManyFolders() { errno = ELOOP; }
+
+}  // namespace process

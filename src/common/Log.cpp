@@ -1,0 +1,38 @@
+#include "common/Log.h"
+
+#include "skrib.h"
+
+namespace {
+
+std::atomic<void*> logger_handle{nullptr};
+std::atomic<bool> logger_released{false};
+
+bool FetchLogger() {
+    if (!logger_released.load()) logger_handle.store(SKRIB_GetLogger("vessa"));
+    return true;
+}
+
+}  // namespace
+
+std::atomic<void*>* GetLogger() {
+    static const bool fetched = FetchLogger();
+    static_cast<void>(fetched);
+    return &logger_handle;
+}
+
+void ReleaseLogger() {
+    logger_released.store(true);
+    if (void* const handle = logger_handle.exchange(nullptr)) SKRIB_ReleaseLogger(handle);
+}
+
+bool LogEnabled(int32_t level) {
+    void* const handle = GetLogger()->load();
+    return handle != nullptr && SKRIB_GetThreshold(handle) < level + 1;
+}
+
+void LogPlain(int32_t level, const char* text, const char* file, const char* function,
+              int32_t line) {
+    if (text == nullptr || !LogEnabled(level)) return;
+    if (void* const handle = GetLogger()->load())
+        SKRIB_Write(handle, level, text, file, function, line);
+}

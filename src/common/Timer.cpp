@@ -1,0 +1,137 @@
+#include "common/Timer.h"
+
+#include <new>
+
+#include "common/Contain.h"
+#include "common/ThreadScope.h"
+
+namespace {
+
+// The largest time-out is endless on some systems.
+constexpr unsigned int kLongestPeriodMs = 0xFFFFFFFE;
+
+// One run of the closure. What it throws ends with it; a library frame around it lets it put
+// off what must not happen while it runs.
+void RunGuarded(Closure& callback, const Timer* timer) {
+    Contain([&] {
+        ThreadScope scope;
+        scope.State().timer = timer;
+        callback.Run();  // calls out
+    });
+}
+
+struct PostAtEnd {
+    TOVA_Sema& semaphore;
+    ~PostAtEnd() { semaphore.Post(); }
+};
+
+}  // namespace
+
+Timer::~Timer() {
+    if (OnOwnThread()) return;
+    TOVA_MutexGuard guard(mutex_);
+    JoinThread();
+}
+
+bool Timer::SetTimer(unsigned int period_ms, ObjectPtrT<Closure> callback) {
+    if (callback.IsNull()) return false;
+    if (period_ms > kLongestPeriodMs) period_ms = kLongestPeriodMs;
+    if (OnOwnThread()) {
+        // Another thread may hold the mutex and wait for this one.
+        control_->period_ms = period_ms;
+        control_->callback = callback;
+        control_->replaced = true;
+        control_->ended = false;
+        running_.store(true);
+        return true;
+    }
+    TOVA_MutexGuard guard(mutex_);
+    if (running_.load() && !StopTimer()) return false;
+    JoinThread();
+    if (!NewControl()) return false;
+    const ObjectPtrT<Closure> loop = NewClosure(this, &Timer::ThreadProc, period_ms, callback);
+    if (loop.IsNull()) return false;
+    while (control_->wake.TimedWait(0) == 0) {
+    }
+    if (!StartThread(loop)) return false;
+    running_.store(true);
+    return true;
+}
+
+bool Timer::StopTimer() {
+    if (!running_.load()) return true;
+    if (OnOwnThread()) {
+        control_->ended = true;
+        running_.store(false);
+        return true;
+    }
+    TOVA_MutexGuard guard(mutex_);
+    if (!running_.load()) return true;
+    JoinThread();
+    running_.store(false);
+    return true;
+}
+
+void Timer::AskToEnd(unsigned int wait_ms) {
+    if (!running_.load() || OnOwnThread()) return;
+    const ObjectPtrT<Control> control = control_;
+    control->wake.Post();
+    // Given back for whoever stops the timer later.
+    if (control->finished.TimedWait(wait_ms) == 0) control->finished.Post();
+}
+
+bool Timer::NewControl() {
+    Control* control = nullptr;
+    try {
+        control = new Control;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    control_.Reset(control);
+    if (control_.IsNull()) delete control;
+    return !control_.IsNull();
+}
+
+bool Timer::StartThread(const ObjectPtrT<Closure>& loop) {
+    auto* const argument = new (std::nothrow) ObjectPtrT<Closure>(loop);
+    if (argument == nullptr) return false;
+    if (!argument->IsNull()) thread_ = TOVA_Thread_Create(&ThreadEntry, argument, 0, 0, 0, 0);
+    if (thread_ != nullptr) return true;
+    delete argument;
+    return false;
+}
+
+void Timer::JoinThread() {
+    if (thread_ == nullptr) return;
+    control_->wake.Post();
+    TOVA_Thread_Wait(thread_);
+    thread_ = nullptr;
+}
+
+bool Timer::OnOwnThread() const {
+    const ThreadState* const state = ThreadScope::Current();
+    return state != nullptr && state->timer == this;
+}
+
+int Timer::ThreadEntry(void* argument) {
+    auto* const handed_over = static_cast<ObjectPtrT<Closure>*>(argument);
+    const ObjectPtrT<Closure> loop = *handed_over;
+    delete handed_over;
+    loop->Run();
+    return 0;
+}
+
+void Timer::ThreadProc(unsigned int period_ms, ObjectPtrT<Closure> callback) {
+    if (callback.IsNull()) return;
+    const ObjectPtrT<Control> control = control_;
+    const PostAtEnd finished{control->finished};
+    while (control->wake.TimedWait(period_ms) != 0) {
+        RunGuarded(*callback, this);
+        if (control->ended) break;
+        if (control->replaced) {
+            control->replaced = false;
+            period_ms = control->period_ms;
+            callback = control->callback;
+        }
+    }
+}

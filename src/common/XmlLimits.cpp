@@ -1,0 +1,265 @@
+#include "common/XmlLimits.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstddef>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+bool IsSpace(unsigned char c) { return std::isspace(c) != 0; }
+bool IsNameStart(unsigned char c) { return c == '_' || c >= 127 || std::isalpha(c) != 0; }
+bool IsNameByte(unsigned char c) {
+    return IsNameStart(c) || std::isdigit(c) != 0 || c == '-' || c == '.' || c == ':';
+}
+
+size_t Utf8Length(unsigned char lead) {
+    if (lead >= 0xC2 && lead <= 0xDF) return 2;
+    if (lead >= 0xE0 && lead <= 0xEF) return 3;
+    if (lead >= 0xF0 && lead <= 0xF4) return 4;
+    return 1;
+}
+
+// Follows the parser through a text. A member that reads something gives false where the
+// parser gives up; nothing may be read after that.
+class XmlWalk {
+  public:
+    explicit XmlWalk(const std::string& text) : text_(text) {}
+
+    XmlExtent Run() {
+        utf8_ = text_.compare(0, 3, "\xEF\xBB\xBF") == 0;
+        encoding_known_ = utf8_;
+        if (SkipSpace()) WalkNodes();
+        return extent_;
+    }
+
+  private:
+    struct Name {
+        size_t start = 0;
+        size_t length = 0;
+    };
+
+    unsigned char At(size_t position) const {
+        return position < text_.size() ? static_cast<unsigned char>(text_[position]) : '\0';
+    }
+    bool AtEnd() const { return At(position_) == '\0'; }
+    bool Looking(const char* what) const {
+        return text_.compare(std::min(position_, text_.size()), std::strlen(what), what) == 0;
+    }
+    bool LookingIgnoringCase(const char* what) const {
+        for (size_t i = 0; what[i] != '\0'; ++i) {
+            const unsigned char c = At(position_ + i);
+            if (c >= 128 || std::tolower(c) != what[i]) return false;
+        }
+        return true;
+    }
+
+    bool SkipSpace() {
+        for (;;) {
+            if (utf8_ && At(position_) == 0xEF &&
+                (Looking("\xEF\xBB\xBF") || Looking("\xEF\xBF\xBE") || Looking("\xEF\xBF\xBF")))
+                position_ += 3;
+            else if (IsSpace(At(position_)))
+                ++position_;
+            else
+                return !AtEnd();
+        }
+    }
+
+    bool ReadName(Name& name) {
+        if (!IsNameStart(At(position_))) return false;
+        name.start = position_;
+        while (IsNameByte(At(position_))) ++position_;
+        name.length = position_ - name.start;
+        return !AtEnd();
+    }
+
+    // A character reference: its digits are looked for backwards from the next ";", so it may
+    // stretch over anything that stands before them.
+    bool ReadReference(std::string* value) {
+        const bool hex = At(position_ + 2) == 'x';
+        const size_t end = text_.find(';', position_ + (hex ? 3 : 2));
+        if (end == std::string::npos) return false;
+        unsigned long code = 0;
+        unsigned factor = 1;
+        for (size_t i = end - 1; text_[i] != (hex ? 'x' : '#'); --i) {
+            const unsigned char c = At(i);
+            if (!(hex ? std::isxdigit(c) : std::isdigit(c))) return false;
+            const int digit = std::isdigit(c) ? c - '0' : std::tolower(c) - 'a' + 10;
+            code += factor * static_cast<unsigned>(digit);
+            factor *= hex ? 16 : 10;
+        }
+        if (value != nullptr) *value += static_cast<char>(code);
+        position_ = end + 1;
+        return true;
+    }
+
+    bool ReadCharacter(std::string* value) {
+        const size_t length = utf8_ ? Utf8Length(At(position_)) : 1;
+        if (length == 1 && At(position_) == '&') return ReadEntity(value);
+        if (value != nullptr) value->append(text_, position_, length);
+        position_ += length;
+        return true;
+    }
+
+    bool ReadEntity(std::string* value) {
+        static constexpr struct {
+            const char* text;
+            char character;
+        } kEntities[] = {
+            {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'}, {"&quot;", '"'}, {"&apos;", '\''}};
+        if (At(position_ + 1) == '#' && At(position_ + 2) != '\0') return ReadReference(value);
+        for (const auto& entity : kEntities) {
+            if (!Looking(entity.text)) continue;
+            if (value != nullptr) *value += entity.character;
+            position_ += std::strlen(entity.text);
+            return true;
+        }
+        ++position_;
+        return true;
+    }
+
+    bool ReadText(const char* end, bool trim, std::string* value = nullptr) {
+        if (trim && !SkipSpace()) return false;
+        while (!AtEnd() && !Looking(end)) {
+            if (trim && IsSpace(At(position_)))
+                ++position_;
+            else if (!ReadCharacter(value))
+                return false;
+        }
+        if (AtEnd()) return false;
+        position_ += std::strlen(end);
+        return !AtEnd();
+    }
+
+    bool ReadAttribute(std::string* value = nullptr) {
+        Name name;
+        if (!SkipSpace() || !ReadName(name) || !SkipSpace() || At(position_) != '=') return false;
+        ++position_;
+        if (!SkipSpace()) return false;
+        const unsigned char quote = At(position_);
+        if (quote == '"' || quote == '\'') {
+            ++position_;
+            return ReadText(quote == '"' ? "\"" : "'", false, value);
+        }
+        while (!AtEnd() && !IsSpace(At(position_)) && At(position_) != '/' && At(position_) != '>') {
+            if (At(position_) == '"' || At(position_) == '\'') return false;
+            if (value != nullptr) *value += text_[position_];
+            ++position_;
+        }
+        return !AtEnd();
+    }
+
+    bool ReadUpTo(const char* end) {
+        const size_t found = text_.find(end, std::min(position_, text_.size()));
+        if (found == std::string::npos) return false;
+        position_ = found + std::strlen(end);
+        return true;
+    }
+
+    // Decides the reading of the rest when it stands outside every element.
+    bool ReadDeclaration() {
+        position_ += 5;
+        std::string encoding;
+        for (;;) {
+            if (AtEnd()) return false;
+            if (At(position_) == '>') break;
+            if (!SkipSpace()) return false;
+            std::string value;
+            if (LookingIgnoringCase("version") || LookingIgnoringCase("standalone")) {
+                if (!ReadAttribute()) return false;
+            } else if (LookingIgnoringCase("encoding")) {
+                if (!ReadAttribute(&value)) return false;
+                encoding = value.c_str();
+            } else {
+                while (!AtEnd() && At(position_) != '>' && !IsSpace(At(position_))) ++position_;
+            }
+        }
+        ++position_;
+        if (!encoding_known_ && open_.empty()) {
+            for (char& c : encoding)
+                if (static_cast<unsigned char>(c) < 128) c = static_cast<char>(std::tolower(c));
+            utf8_ = encoding.empty() || encoding.compare(0, 5, "utf-8") == 0 ||
+                    encoding.compare(0, 4, "utf8") == 0;
+            encoding_known_ = true;
+        }
+        return true;
+    }
+
+    // From the "<" of a start tag to behind its ">".
+    bool ReadStartTag() {
+        Name name;
+        ++position_;
+        extent_.depth = std::max(extent_.depth, static_cast<int>(open_.size()) + 1);
+        if (extent_.depth > kMaxXmlDepth || !SkipSpace() || !ReadName(name)) return false;
+        for (int attributes = 0;;) {
+            if (!SkipSpace()) return false;
+            if (At(position_) == '/') {
+                position_ += 2;
+                return At(position_ - 1) == '>';
+            }
+            if (At(position_) == '>') {
+                ++position_;
+                open_.push_back(name);
+                return true;
+            }
+            extent_.attributes = std::max(extent_.attributes, ++attributes);
+            if (attributes > kMaxXmlAttributes || !ReadAttribute()) return false;
+        }
+    }
+
+    bool ReadEndTag() {
+        const Name name = open_.back();
+        position_ += 2;
+        if (text_.compare(position_, name.length, text_, name.start, name.length) != 0) return false;
+        position_ += name.length;
+        if (!SkipSpace() || At(position_) != '>') return false;
+        ++position_;
+        open_.pop_back();
+        return true;
+    }
+
+    bool ReadNode() {
+        if (At(position_) != '<') {
+            if (open_.empty() || !ReadText("<", true)) return false;
+            --position_;
+            return true;
+        }
+        if (!open_.empty() && Looking("</")) return ReadEndTag();
+        if (LookingIgnoringCase("<?xml")) return ReadDeclaration();
+        if (Looking("<!--")) {
+            position_ += 4;
+            return ReadUpTo("-->");
+        }
+        if (Looking("<![CDATA[")) {
+            position_ += 9;
+            return ReadUpTo("]]>");
+        }
+        if (At(position_ + 1) != '!' && IsNameStart(At(position_ + 1))) return ReadStartTag();
+        return ReadUpTo(">");
+    }
+
+    void WalkNodes() {
+        while (ReadNode() && SkipSpace()) {
+        }
+    }
+
+    const std::string& text_;
+    size_t position_ = 0;
+    bool utf8_ = false;
+    bool encoding_known_ = false;
+    std::vector<Name> open_;
+    XmlExtent extent_;
+};
+
+}  // namespace
+
+XmlExtent MeasureXml(const std::string& text) { return XmlWalk(text).Run(); }
+
+const char* CheckXmlLimits(const std::string& text) {
+    const XmlExtent extent = MeasureXml(text);
+    if (extent.depth > kMaxXmlDepth) return "Elements nested too deeply.";
+    if (extent.attributes > kMaxXmlAttributes) return "Too many attributes on one element.";
+    return nullptr;
+}

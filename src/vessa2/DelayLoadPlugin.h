@@ -1,0 +1,68 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+
+#include "common/AtomicCounter.h"
+#include "common/LockOrder.h"
+#include "common/Sync.h"
+#include "vessa/tarnet.h"
+#include "vessa2/Plugin.h"
+
+// One registered plug-in's use of its module: obtains it from the loader, at once or with the
+// first instance, forwards instance operations to it, counts instances, and gives it back.
+//
+// Thread safety: every operation on any thread; whoever unloads keeps users of instances away.
+// Threads outside of modules load one at a time and wait for each other; a thread that is
+// inside a module never waits here, since the one it would wait for may wait for it. It loads
+// on its own, and whoever comes second gives the reference back.
+// Invariants: fkey_ and file_path_ are constant. In state 3 plugin_ is set. In another state it
+// is set only while a module uses its own plug-in from its Init, and after that if the Init
+// failed and the use was under another fkey: this object then holds a reference to a module
+// that is no longer loaded. The instance counter is independent of the state.
+class DelayLoadPlugin {
+  public:
+    DelayLoadPlugin(const std::string& fkey, const std::string& file_path, bool delay_load);
+    DelayLoadPlugin(const DelayLoadPlugin&) = delete;
+    DelayLoadPlugin& operator=(const DelayLoadPlugin&) = delete;
+
+    // 0, or a code of vessa.h.
+    int LoadPlugin();
+    int UnloadPlugin();
+    // UnloadPlugin, with a warning when instances live.
+    int Unload();
+
+    // plugin_error receives the module's own result, 0 when it was not reached. On failure
+    // instance and iface are null.
+    int CreateInstance(const std::string& fkey, void*& instance, int& plugin_error);
+    int DestroyInstance(void* instance, int& plugin_error);
+    int QueryInterface(void* instance, const std::string& ikey, void*& iface, int& plugin_error);
+    int GetPluginMapFkeys(char (*fkeys)[TARNET_FKEY_SIZE], int* count);
+
+    const std::string& fkey() const { return fkey_; }
+    const std::string& file_path() const { return file_path_; }
+    bool delay_load() const { return delay_load_.load(); }
+    void set_delay_load(bool delay_load) { delay_load_.store(delay_load); }
+    int32_t instance_count() const { return instance_counter_.Get(); }
+
+    enum State : int32_t { kConflict = 1, kNotLoaded = 2, kLoaded = 3 };
+    int32_t state() const { return state_.load(); }
+
+  private:
+    bool IsLoaded() const { return state_.load() == kLoaded; }
+    int LoadFromLoader();
+    int KeepLoaded(Plugin* plugin);
+    int FailLoad(int code);
+    int UnloadToLoader();
+
+    const std::string fkey_;
+    const std::string file_path_;
+    std::atomic<bool> delay_load_;
+    std::atomic<Plugin*> plugin_{nullptr};
+    std::atomic<int32_t> state_{kNotLoaded};
+    // Held across loads and unloads by threads that are outside of modules.
+    TOVA_Mutex mutex_ ACQUIRED_AFTER(lock_order::record) ACQUIRED_BEFORE(lock_order::loader);
+    // Guards the change of plugin_ and state_ together; a leaf.
+    TOVA_Mutex state_mutex_ ACQUIRED_AFTER(lock_order::leaf);
+    AtomicCounter instance_counter_;
+};
