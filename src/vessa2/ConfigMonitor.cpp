@@ -54,20 +54,26 @@ bool ConfigMonitor::Start(const std::string& plugin_root, const std::string& con
     config_filename_ = config_filename;
     receiver_.Set(receiver.Get());
     stopping_.store(false);
+    // Taken back also when the thread is cancelled in a module that the first scan loads.
+    struct Undo {
+        std::atomic<bool>* started;
+        ~Undo() {
+            if (started != nullptr) started->store(false);
+        }
+    } undo{&started_};
     started_.store(true);
     MonitorTimerProc();
     const ObjectPtrT<Closure> scan = NewClosure(this, &ConfigMonitor::MonitorTimerProc);
     if (scan.IsNull()) {
         LOG_PLAIN(kError, "Create ClosurePtr failed, out of memory");
-        started_.store(false);
         return false;
     }
     if (!timer_.SetTimer(kScanPeriodMs, scan)) {
         const int error = TOVA_GetSystemLastError();
         LOG_FORMAT_OF(this, kError, "SetTimer failed, system error {0}/{0:X}", error);
-        started_.store(false);
         return false;
     }
+    undo.started = nullptr;
     LOG_PLAIN(kInformation, "start config monitor succeeded");
     return true;
 }

@@ -50,11 +50,18 @@ bool PluginCoordinator::Run() {
         LOG_PLAIN(kWarning, "already run");
         return true;
     }
-    // Before the monitor starts, so that the first scan's changes are accepted.
+    // Set before the monitor starts, so that the first scan's changes are accepted; taken back
+    // also when the thread is cancelled in a module meanwhile.
+    struct Undo {
+        std::atomic<bool>& running;
+        bool started;
+        ~Undo() {
+            if (!started) running.store(false);
+        }
+    } run{running_, false};
     running_.store(true);
-    bool started = false;
-    Contain([&] { started = StartMonitor(); });
-    if (!started) {
+    Contain([&] { run.started = StartMonitor(); });
+    if (!run.started) {
         running_.store(false);
         LOG_FORMAT(kError, "start config monitor failed, plugin root {0}, config filename {1}",
                    plugin_root_, config_filename_);
@@ -100,17 +107,26 @@ bool PluginCoordinator::Shutdown() {
                    plugin_root_, config_filename_);
         return false;
     }
-    UnregisterAll();
     {
-        TOVA_MutexGuard config_guard(config_mutex_);
-        config_collection_.clear();
+        // The tables are emptied also when the thread is cancelled in a module.
+        struct Forget {
+            PluginCoordinator& coordinator;
+            ~Forget() { coordinator.ForgetAll(); }
+        } const forget{*this};
+        UnregisterAll();
     }
-    registered_.clear();
-    unregistered_.clear();
     LOG_FORMAT(kInformation,
                "shutdown PluginCoordinator succeeded, plugin root {0}, config filename {1}",
                plugin_root_, config_filename_);
     return true;
+}
+
+void PluginCoordinator::ForgetAll() {
+    TOVA_MutexGuard guard(mutex_);
+    registered_.clear();
+    unregistered_.clear();
+    TOVA_MutexGuard config_guard(config_mutex_);
+    config_collection_.clear();
 }
 
 // By key, not by iterator: modules run meanwhile and may come back in here.
