@@ -4,19 +4,11 @@
 #if defined(_MSC_VER) && !defined(__clang__)
 #  define VESSA_FUNCTION_SIGNATURE __FUNCSIG__
 #  define VESSA_CLASS_API __declspec(dllexport)
-#  define VESSA_LET_FORCED_UNWINDING_PASS
 #else
-#  include <cxxabi.h>
 #  define VESSA_FUNCTION_SIGNATURE __PRETTY_FUNCTION__
 #  if defined(_WIN32)
 #    define VESSA_CLASS_API __declspec(dllexport)
 #  else
 #    define VESSA_CLASS_API __attribute__((visibility("default")))
 #  endif
-// Stands before every catch (...): a cancelled thread unwinds by an exception that must not
-// be stopped.
-#  define VESSA_LET_FORCED_UNWINDING_PASS \
-      catch (abi::__forced_unwind&) {     \
-          throw;                          \
-      }
 #endif

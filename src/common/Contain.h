@@ -2,7 +2,13 @@
 // a caller in C. The cancellation of a thread passes through.
 #pragma once
 
-#include "common/Compiler.h"
+#include <exception>
+
+// The first statement of every handler of all exceptions: a cancelled thread unwinds by
+// something that such a handler catches, that is no exception, and that must go on.
+inline void LetForcedUnwindingPass() {
+    if (std::current_exception() == nullptr) throw;
+}
 
 // Runs step; false if it threw.
 template <class Step>
@@ -10,9 +16,8 @@ bool Contain(Step&& step) {
     try {
         step();
         return true;
-    }
-    VESSA_LET_FORCED_UNWINDING_PASS
-    catch (...) {
+    } catch (...) {
+        LetForcedUnwindingPass();
         return false;
     }
 }

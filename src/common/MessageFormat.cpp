@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "common/Contain.h"
 #include "skrib.h"
 
 namespace {
@@ -160,9 +161,8 @@ void WriteFormatted(const LogSite& site, const void* object, const char* format,
         if (output.empty() || !LogEnabled(site.level)) return;
         if (void* const handle = site.logger->load())
             SKRIB_Write(handle, site.level, output.c_str(), site.file, site.function, site.line);
-    }
-    VESSA_LET_FORCED_UNWINDING_PASS
-    catch (...) {
+    } catch (...) {
+        LetForcedUnwindingPass();
         // A message that cannot be built must not end the operation that wanted to say it.
     }
 }

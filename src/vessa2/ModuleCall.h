@@ -2,7 +2,7 @@
 // and an exception ends with it. The cancellation of a thread passes through.
 #pragma once
 
-#include "common/Compiler.h"
+#include "common/Contain.h"
 #include "common/ThreadScope.h"
 
 // What the module returned, or fallback if it threw.
@@ -11,9 +11,8 @@ Result CallModule(Result fallback, Call&& call) {
     try {
         PluginCallScope scope;
         return call();  // calls out
-    }
-    VESSA_LET_FORCED_UNWINDING_PASS
-    catch (...) {
+    } catch (...) {
+        LetForcedUnwindingPass();
         return fallback;
     }
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "common/Contain.h"
 #include "common/MessageFormat.h"
 #include "common/ThreadScope.h"
 #include "tova.h"
@@ -13,11 +14,11 @@
 
 // Ends the try block of an export.
 #define VESSA_RESULTS_OF_EXCEPTIONS     \
-    VESSA_LET_FORCED_UNWINDING_PASS     \
     catch (const std::bad_alloc&) {     \
         return VESSA_ERR_OUT_OF_MEMORY; \
     }                                   \
     catch (...) {                       \
+        LetForcedUnwindingPass();       \
         return VESSA_FAILED;            \
     }
 
@@ -45,9 +46,8 @@ int VESSA_Init(void) {
         ThreadScope scope;
         LifeCycle* const life_cycle = LifeCycle::Get();
         if (life_cycle != nullptr) return life_cycle->Init();
-    }
-    VESSA_LET_FORCED_UNWINDING_PASS
-    catch (...) {
+    } catch (...) {
+        LetForcedUnwindingPass();
     }
     LOG_PLAIN(kError, "run plugin coordinator failed");
     return VESSA_FAILED;
@@ -58,9 +58,8 @@ void VESSA_Uninit(void) {
         LOG_PLAIN(kInformation, "invoke vessa uninit");
         ThreadScope scope;
         if (LifeCycle* const life_cycle = LifeCycle::Get()) life_cycle->Uninit();
-    }
-    VESSA_LET_FORCED_UNWINDING_PASS
-    catch (...) {
+    } catch (...) {
+        LetForcedUnwindingPass();
     }
 }
 
