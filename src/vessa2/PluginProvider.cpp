@@ -6,6 +6,17 @@
 #include "common/NormalizePath.h"
 #include "vessa/vessa.h"
 
+namespace {
+
+int RefuseForMemory(const std::string& fkey, const std::string& file_path, bool delay_load) {
+    LOG_FORMAT(kError,
+               "create PluginData failed, out of memory, fkey {0}, file_path {1}, delay_load {2}",
+               fkey, file_path, delay_load);
+    return VESSA_ERR_OUT_OF_MEMORY;
+}
+
+}  // namespace
+
 void PluginProvider::PluginData::PutOffUnload(PluginProvider& provider, RegistryGate& gate,
                                               const PluginDataPtr& self) {
     if (is_put_off_.CompareExchange(0, 1) != 0) return;
@@ -52,9 +63,17 @@ int PluginProvider::RegisterPlugin(const std::string& fkey, const std::string& f
                                    bool delay_load) {
     LOG_FORMAT(kInformation, "param fkey {0}, file_path {1}, delay_load {2}", fkey, file_path,
                delay_load);
-    std::string filename;
-    if (const int refusal = CheckRegistration(fkey, file_path, filename)) return refusal;
+    try {
+        std::string filename;
+        const int refusal = CheckRegistration(fkey, file_path, filename);
+        return refusal != VESSA_OK ? refusal : EnterAndLoad(fkey, file_path, filename, delay_load);
+    } catch (const std::bad_alloc&) {
+        return RefuseForMemory(fkey, file_path, delay_load);
+    }
+}
 
+int PluginProvider::EnterAndLoad(const std::string& fkey, const std::string& file_path,
+                                 const std::string& filename, bool delay_load) {
     PluginDataPtr data;
     GatePass pass(gate_, GatePass::AsWriter{});
     if (const int refusal = FindConflict(fkey, file_path, filename)) return refusal;
@@ -156,10 +175,7 @@ int PluginProvider::EnterRecord(const std::string& fkey, const std::string& file
         return AddRecord(fkey, file_path, filename, delay_load, data);
     } catch (const std::bad_alloc&) {
         Erase(fkey, filename);
-        LOG_FORMAT(kError,
-                   "create PluginData failed, out of memory, fkey {0}, file_path {1}, delay_load {2}",
-                   fkey, file_path, delay_load);
-        return VESSA_ERR_OUT_OF_MEMORY;
+        return RefuseForMemory(fkey, file_path, delay_load);
     }
 }
 

@@ -50,6 +50,8 @@ class PluginProvider {
   private:
     int CheckRegistration(const std::string& fkey, const std::string& file_path,
                           std::string& filename);
+    int EnterAndLoad(const std::string& fkey, const std::string& file_path,
+                     const std::string& filename, bool delay_load);
     int FindConflict(const std::string& fkey, const std::string& file_path,
                      const std::string& filename) REQUIRES(gate_);
     int CheckEntry(const std::string& key, const PluginDataPtr& entry, const std::string& fkey,
