@@ -1,0 +1,158 @@
+#include "StandIns.h"
+
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace stand_in {
+
+Functions put{};
+
+namespace {
+
+using Lock = int (*)(pthread_mutex_t*);
+
+thread_local int g_until_failure = 0;
+thread_local Lock g_next_lock = nullptr;
+std::atomic<const void*> g_watched{nullptr};
+std::atomic<bool> g_freed{false};
+
+template <typename Function>
+void FindNext(Function& function, const char* name) {
+    function = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+Functions FindAll() {
+    Functions found{};
+    FindNext(found.read_dir, "readdir");
+    FindNext(found.fstatat, "fstatat");
+    FindNext(found.cond_wait, "pthread_cond_wait");
+    FindNext(found.cond_timedwait, "pthread_cond_timedwait");
+    FindNext(found.attr_setstacksize, "pthread_attr_setstacksize");
+    return found;
+}
+
+void* Allocate(size_t size) {
+    if (g_until_failure > 0 && --g_until_failure == 0) return nullptr;
+    return std::malloc(size == 0 ? 1 : size);
+}
+
+void Free(void* block) {
+    if (block != nullptr && block == g_watched) g_freed = true;
+    std::free(block);
+}
+
+void* AllocateOrThrow(size_t size) {
+    void* const block = Allocate(size);
+    if (block == nullptr) throw std::bad_alloc();
+    return block;
+}
+
+}  // namespace
+
+const Functions& Real() {
+    static const Functions real = FindAll();
+    return real;
+}
+
+void PutNextLock(Lock lock) {
+    g_next_lock = lock;
+}
+
+int RealLock(pthread_mutex_t* mutex) {
+    static const Lock real = [] {
+        Lock found = nullptr;
+        FindNext(found, "pthread_mutex_lock");
+        return found;
+    }();
+    return real(mutex);
+}
+
+void Watch(const void* block) {
+    g_freed = false;
+    g_watched = block;
+}
+
+bool IsFreed() {
+    return g_freed;
+}
+
+void FailAllocation(int n) {
+    g_until_failure = n;
+}
+
+}  // namespace stand_in
+
+extern "C" {
+
+using stand_in::put;
+using stand_in::Real;
+
+__attribute__((visibility("default"))) dirent* readdir(DIR* stream) {
+    return (put.read_dir != nullptr ? put.read_dir : Real().read_dir)(stream);
+}
+
+__attribute__((visibility("default"))) int fstatat(int folder, const char* name,
+                                                   struct stat* status, int flags) noexcept {
+    return (put.fstatat != nullptr ? put.fstatat : Real().fstatat)(folder, name, status, flags);
+}
+
+__attribute__((visibility("default"))) int pthread_cond_wait(pthread_cond_t* condition,
+                                                             pthread_mutex_t* mutex) {
+    return (put.cond_wait != nullptr ? put.cond_wait : Real().cond_wait)(condition, mutex);
+}
+
+__attribute__((visibility("default"))) int pthread_cond_timedwait(pthread_cond_t* condition,
+                                                                  pthread_mutex_t* mutex,
+                                                                  const timespec* deadline) {
+    return (put.cond_timedwait != nullptr ? put.cond_timedwait : Real().cond_timedwait)(
+        condition, mutex, deadline);
+}
+
+__attribute__((visibility("default"))) int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+    const auto lock = stand_in::g_next_lock;
+    if (lock == nullptr) return stand_in::RealLock(mutex);
+    stand_in::g_next_lock = nullptr;
+    return lock(mutex);
+}
+
+__attribute__((visibility("default"))) int pthread_attr_setstacksize(pthread_attr_t* attributes,
+                                                                     size_t size) noexcept {
+    return (put.attr_setstacksize != nullptr ? put.attr_setstacksize : Real().attr_setstacksize)(
+        attributes, size);
+}
+
+}  // extern "C"
+
+void* operator new(size_t size) {
+    return stand_in::AllocateOrThrow(size);
+}
+void* operator new[](size_t size) {
+    return stand_in::AllocateOrThrow(size);
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return stand_in::Allocate(size);
+}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+    return stand_in::Allocate(size);
+}
+void operator delete(void* block) noexcept {
+    stand_in::Free(block);
+}
+void operator delete[](void* block) noexcept {
+    stand_in::Free(block);
+}
+void operator delete(void* block, size_t) noexcept {
+    stand_in::Free(block);
+}
+void operator delete[](void* block, size_t) noexcept {
+    stand_in::Free(block);
+}
+void operator delete(void* block, const std::nothrow_t&) noexcept {
+    stand_in::Free(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept {
+    stand_in::Free(block);
+}
