@@ -39,6 +39,7 @@ int64_t SeekToEnd(FILE* file);
 
 // The thread's last error for refusals that the system itself did not make.
 void SetErrorFileTooLarge();
+void SetErrorFileCutShort();
 void SetErrorTooManyFolders();
 
 }  // namespace process

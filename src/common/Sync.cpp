@@ -7,9 +7,11 @@ TOVA_Mutex::TOVA_Mutex() {
 }
 
 TOVA_Mutex& TOVA_Mutex::operator=(const TOVA_Mutex& other) {
-    TOVA_AtomicAdd(&other.native_->references, 1);
+    // Kept over the destruction, which clears the value and may be that of the source itself.
+    const tova_mutex_t shared = other.native_;
+    TOVA_AtomicAdd(&shared->references, 1);
     TOVA_MutexDestroy(&native_);
-    native_ = other.native_;
+    native_ = shared;
     return *this;
 }
 
@@ -24,9 +26,10 @@ TOVA_Sema::TOVA_Sema() {
 }
 
 TOVA_Sema& TOVA_Sema::operator=(const TOVA_Sema& other) {
-    TOVA_AtomicAdd(&other.native_->references, 1);
+    const tova_sem_t shared = other.native_;
+    TOVA_AtomicAdd(&shared->references, 1);
     TOVA_SemDestroy(&native_);
-    native_ = other.native_;
+    native_ = shared;
     return *this;
 }
 

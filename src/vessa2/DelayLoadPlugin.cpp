@@ -14,7 +14,8 @@ int DelayLoadPlugin::LoadPlugin() {
     if (ThreadScope::InPluginCall()) return LoadFromLoader();
     TOVA_MutexGuard guard(mutex_);
     if (IsLoaded()) return VESSA_OK;
-    if (Plugin* const left_over = plugin_.load())
+    Plugin* const left_over = plugin_.load();
+    if (left_over != nullptr && !is_nested_.load())
         LOG_FORMAT(kWarning, "unexpected, plugin_ should be NULL, plugin_ {0}", left_over);
     return LoadFromLoader();
 }
@@ -33,7 +34,8 @@ int DelayLoadPlugin::KeepLoaded(Plugin* plugin) {
         TOVA_MutexGuard guard(state_mutex_);
         second = plugin_.load() != nullptr;
         if (!second) plugin_.store(plugin);
-        if (!plugin->IsInitialising()) state_.store(kLoaded);
+        is_nested_.store(plugin->IsInitialising());
+        if (!is_nested_.load()) state_.store(kLoaded);
     }
     LOG_FORMAT(kInformation, "load plugin succeeded, plugin {0}, plugin file path {1}", plugin,
                file_path_);

@@ -60,6 +60,7 @@ class DelayLoadPlugin {
     std::atomic<bool> delay_load_;
     std::atomic<Plugin*> plugin_{nullptr};
     std::atomic<int32_t> state_{kNotLoaded};
+    std::atomic<bool> is_nested_{false};  // plugin_ comes from a load inside the module's Init
     // Held across loads and unloads by threads that are outside of modules.
     TOVA_Mutex mutex_ ACQUIRED_AFTER(lock_order::record) ACQUIRED_BEFORE(lock_order::loader);
     // Guards the change of plugin_ and state_ together; a leaf.

@@ -203,6 +203,7 @@ int Plugin::LoadPlugin() {
         return VESSA_ERR_ARGUMENT;
     }
     TOVA_MutexGuard guard(mutex_);
+    if (unloading_) return RefuseWhileUnloading();
     const int32_t load_counter_value = load_counter_.Add(1) + 1;
     if (load_counter_value >= 2 && dso_handle_.load() != nullptr) {
         LOG_FORMAT(kInformation, "plugin already loaded, load_counter_value = {0}",
@@ -226,20 +227,15 @@ int Plugin::LoadPlugin() {
 // Loads the file, reads its table and initialises the module. What a failure leaves is taken
 // back by FailLoad.
 int Plugin::LoadFirst() {
-    int code = VESSA_ERR_MODULE_LOAD;
+    int code = VESSA_OK;
     void* handle = nullptr;
-    // The module is being unloaded by this very thread: its Uninit asked for it again.
-    if (!unloading_) {
-        try {
-            code = LoadDso(filename_, folder_path_, handle);
-        } catch (const std::bad_alloc&) {
-            code = VESSA_ERR_OUT_OF_MEMORY;
-        }
+    try {
+        code = LoadDso(filename_, folder_path_, handle);
+    } catch (const std::bad_alloc&) {
+        code = VESSA_ERR_OUT_OF_MEMORY;
     }
     if (code != VESSA_OK) {
-        // Kept: the file name stands in both places.
-        LOG_FORMAT(kError, "load plugin dso failed, error {0}/{0:X}, filename {1}, folder path {1}",
-                   code, filename_, folder_path_);
+        SayLoadDsoFailed(code);
         return code;
     }
     dso_handle_.store(handle);
@@ -291,6 +287,24 @@ void Plugin::ReadDescription() {
     }
 }
 
+// The module is being unloaded by this very thread: its Uninit asked for it again.
+int Plugin::RefuseWhileUnloading() const {
+    SayLoadDsoFailed(VESSA_ERR_MODULE_LOAD);
+    SayLoadFailed(VESSA_ERR_MODULE_LOAD);
+    return VESSA_ERR_MODULE_LOAD;
+}
+
+void Plugin::SayLoadDsoFailed(int code) const {
+    // Kept: the file name stands in both places.
+    LOG_FORMAT(kError, "load plugin dso failed, error {0}/{0:X}, filename {1}, folder path {1}", code,
+               filename_, folder_path_);
+}
+
+void Plugin::SayLoadFailed(int code) const {
+    LOG_FORMAT(kError, "load plugin failed, error {0}/{0:X}, plugin filename {1}, plugin folder path {2}",
+               code, filename_, folder_path_);
+}
+
 // Takes a failed load back and gives its code.
 int Plugin::FailLoad(int code) {
     if (void* const handle = dso_handle_.load()) {
@@ -304,8 +318,7 @@ int Plugin::FailLoad(int code) {
     // Loads that the module made of itself in its Init stay counted for their owners, who give
     // them back; without a handle the next load starts from the beginning all the same.
     load_counter_.Add(-1);
-    LOG_FORMAT(kError, "load plugin failed, error {0}/{0:X}, plugin filename {1}, plugin folder path {2}",
-               code, filename_, folder_path_);
+    SayLoadFailed(code);
     return code;
 }
 

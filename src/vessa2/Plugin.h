@@ -69,6 +69,9 @@ class Plugin {
     int InitModule() REQUIRES(mutex_);
     void ReadDescription() REQUIRES(mutex_);
     int FailLoad(int code) REQUIRES(mutex_);
+    int RefuseWhileUnloading() const REQUIRES(mutex_);
+    void SayLoadDsoFailed(int code) const;
+    void SayLoadFailed(int code) const;
     int UnloadLast() REQUIRES(mutex_);
     void ClearOperations() REQUIRES(mutex_);
     tarnet_export_interface_t2 Operations() const;

@@ -81,7 +81,10 @@ bool ReadOpenFile(FILE* file, std::string& text, size_t max_size) {
     if (std::fseek(file, 0, SEEK_SET) != 0) return false;
     const size_t wanted = static_cast<size_t>(size);
     text.resize(wanted);
-    if (std::fread(&text[0], 1, wanted, file) != wanted) return false;
+    if (std::fread(&text[0], 1, wanted, file) != wanted) {
+        if (std::ferror(file) == 0) process::SetErrorFileCutShort();
+        return false;
+    }
     const size_t zero = text.find('\0');
     if (zero != std::string::npos) text.resize(zero);
     return true;

@@ -108,10 +108,13 @@ bool PluginCoordinator::Shutdown() {
         return false;
     }
     {
-        // The tables are emptied also when the thread is cancelled in a module.
-        struct Forget {
+        // Modules may ask for their attributes until the last one is unloaded.
+        struct ForgetLists {
             PluginCoordinator& coordinator;
-            ~Forget() { coordinator.ForgetAll(); }
+            ~ForgetLists() {
+                TOVA_MutexGuard config_guard(coordinator.config_mutex_);
+                coordinator.config_collection_.clear();
+            }
         } const forget{*this};
         UnregisterAll();
     }
@@ -121,22 +124,15 @@ bool PluginCoordinator::Shutdown() {
     return true;
 }
 
-void PluginCoordinator::ForgetAll() {
-    TOVA_MutexGuard guard(mutex_);
-    registered_.clear();
-    unregistered_.clear();
-    TOVA_MutexGuard config_guard(config_mutex_);
-    config_collection_.clear();
-}
-
-// By key, not by iterator: modules run meanwhile and may come back in here.
+// Empties the tables first: modules run meanwhile and may come back in here, and nothing may
+// be left if the thread is cancelled in one of them. A stop allocates nothing.
 void PluginCoordinator::UnregisterAll() {
-    std::string key;
-    for (auto next = registered_.begin(); next != registered_.end();
-         next = registered_.upper_bound(key)) {
-        key = next->first;
-        if (!next->second.registered) continue;
-        const PluginConfigItem item = next->second.item;
+    std::map<std::string, RegisteredRecord> records;
+    records.swap(registered_);
+    unregistered_.clear();
+    for (const auto& entry : records) {
+        if (!entry.second.registered) continue;
+        const PluginConfigItem& item = entry.second.item;
         int failure = 0;
         if (!Contain([&] { failure = provider_.UnregisterPlugin(item.fkey); })) continue;
         if (failure != 0)
@@ -251,11 +247,11 @@ void PluginCoordinator::UnregisterPluginList(const PluginConfigList& list) {
 
 void PluginCoordinator::UnregisterItem(const PluginConfigItem& listed) {
     const std::string key = RegistrationKey(listed);
-    const auto found = registered_.find(key);
-    if (found == registered_.end()) return;
-    const RegisteredRecord record = found->second;
-    if (record.registered) {
-        const PluginConfigItem& item = record.item;
+    const auto taken = registered_.extract(key);
+    if (taken.empty()) return;
+    unregistered_.erase(key);
+    if (taken.mapped().registered) {
+        const PluginConfigItem& item = taken.mapped().item;
         const int failure = provider_.UnregisterPlugin(item.fkey);
         if (failure != 0)
             LOG_FORMAT(kError,
@@ -268,8 +264,6 @@ void PluginCoordinator::UnregisterItem(const PluginConfigItem& listed) {
                        "file path {3}",
                        item.fkey, item.file_path, item.delay_load, item.config_file_path);
     }
-    registered_.erase(key);
-    unregistered_.erase(key);
 }
 
 bool PluginCoordinator::FindPluginConfig(const char* fkey, PluginConfigItem& item) {

@@ -73,7 +73,6 @@ class PluginCoordinator {
 
     bool StartMonitor();
     void UnregisterAll() REQUIRES(mutex_);
-    void ForgetAll();
     void EnterItem(const PluginConfigItem& item) REQUIRES(mutex_);
     void RegisterPending() REQUIRES(mutex_);
     void RegisterRecord(const std::string& key) REQUIRES(mutex_);

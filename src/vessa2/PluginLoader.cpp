@@ -67,7 +67,7 @@ int PluginLoader::LoadPlugin(const std::string& file_path, Plugin*& plugin) {
         PluginLoader& loader;
         Plugin* plugin;
         ~Undo() {
-            if (plugin != nullptr) loader.Release(plugin, plugin->filename());
+            if (plugin != nullptr) loader.Release(plugin);
         }
     } undo{*this, shared};
     const int code = shared->LoadPlugin();
@@ -127,16 +127,12 @@ Plugin* PluginLoader::AddPlugin(const std::string& filename, const std::string& 
     }
 }
 
-// Takes a reference away, and the object with the last. The counter after it.
-int32_t PluginLoader::Release(Plugin* plugin, const std::string& filename) {
+// Takes the reference of a failed load back, and the object with the last.
+void PluginLoader::Release(Plugin* plugin) {
     TOVA_MutexGuard guard(mutex_);
-    const int32_t references = plugin->reference_counter().Add(-1) - 1;
-    if (references < 1) {
-        // The name may be the object's own.
-        collection_.erase(filename);
-        delete plugin;
-    }
-    return references;
+    if (plugin->reference_counter().Add(-1) > 1) return;
+    collection_.erase(plugin->filename());
+    delete plugin;
 }
 
 int PluginLoader::UnloadPlugin(Plugin* plugin) {
@@ -144,33 +140,31 @@ int PluginLoader::UnloadPlugin(Plugin* plugin) {
         LOG_PLAIN(kError, "param plugin should not be NULL");
         return VESSA_ERR_ARGUMENT;
     }
-    std::string filename;
-    std::string file_path;
-    try {
-        if (const int refusal = CheckHeld(plugin, filename, file_path)) return refusal;
-    } catch (const std::bad_alloc&) {
-        return VESSA_ERR_OUT_OF_MEMORY;
-    }
+    if (const int refusal = CheckHeld(plugin)) return refusal;
     const int code = plugin->UnloadPlugin();
     if (code != VESSA_OK) {
         // Kept: the reference is not given back, so the file name stays taken.
         LOG_FORMAT(kError, "unload plugin failed {0}/{0:X}, plugin {1}, plugin filename {2}", code,
-                   plugin, filename);
+                   plugin, plugin->filename());
         return code;
     }
-    const int32_t references = Release(plugin, filename);
+    // Said before the object goes, or anybody else can let it go: a copy of its names could
+    // fail, and an unload must not.
+    TOVA_MutexGuard guard(mutex_);
+    const int32_t references = plugin->reference_counter().Add(-1) - 1;
+    if (references < 1) collection_.erase(plugin->filename());
     LOG_FORMAT(kInformation,
                "unload plugin succeeded, plugin {0}, plugin reference {1}, plugin filename {2}, "
                "plugin file path {3}",
-               plugin, references, filename, file_path);
+               plugin, references, plugin->filename(), plugin->file_path());
+    if (references < 1) delete plugin;
     return VESSA_OK;
 }
 
-// Whether the collection holds this very object; its names are needed after its end.
-int PluginLoader::CheckHeld(Plugin* plugin, std::string& filename, std::string& file_path) {
+// Whether the collection holds this very object.
+int PluginLoader::CheckHeld(const Plugin* plugin) {
     TOVA_MutexGuard guard(mutex_);
-    filename = plugin->filename();
-    file_path = plugin->file_path();
+    const std::string& filename = plugin->filename();
     const auto found = collection_.find(filename);
     if (found == collection_.end()) {
         LOG_FORMAT(kError, "unexpected, plugin not found, plugin filename {0}, param plugin {1}",

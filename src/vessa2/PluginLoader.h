@@ -37,8 +37,8 @@ class PluginLoader {
   private:
     int Acquire(const std::string& file_path, Plugin*& plugin);
     Plugin* AddPlugin(const std::string& filename, const std::string& file_path) REQUIRES(mutex_);
-    int32_t Release(Plugin* plugin, const std::string& filename);
-    int CheckHeld(Plugin* plugin, std::string& filename, std::string& file_path);
+    void Release(Plugin* plugin);
+    int CheckHeld(const Plugin* plugin);
 
     std::map<std::string, Plugin*> collection_ GUARDED_BY(mutex_);
     TOVA_Mutex mutex_ ACQUIRED_AFTER(lock_order::loader) ACQUIRED_BEFORE(lock_order::module);

@@ -117,6 +117,7 @@ int64_t SeekToEnd(FILE* file) {
 }
 
 void SetErrorFileTooLarge() { errno = EFBIG; }
+void SetErrorFileCutShort() { errno = EIO; }
 void SetErrorTooManyFolders() { errno = ELOOP; }
 
 }  // namespace process
