@@ -30,11 +30,14 @@
  *     for a module. The others run on whatever thread asks, several at once.
  *  2. Result. 0 is success. Any other number is the module's own failure code: it is logged
  *     and passed on to the application as plugin_error.
- *  3. Exceptions. Nothing should be thrown. What is thrown counts as the result -1.
+ *  3. Exceptions. Nothing should be thrown. What is thrown counts as the result -1; an exception
+ *     of another C++ runtime than the library's own goes through the library to the caller.
  *  4. Calls back. Every VESSA_ function may be called from inside every operation, and from
- *     threads that the module started, with two limits: two modules must not use each other
- *     in their Init on two threads at once (each would wait for the other), and an operation
- *     must not wait for a thread of its own that waits for this same module's Init or Uninit.
+ *     threads that the module started, with these limits, each of which would wait for ever:
+ *     two modules must not use each other in their Init on two threads at once; an operation
+ *     must not wait for a thread of its own that loads or unloads this same module, or that is
+ *     in VESSA_Init or VESSA_Uninit; and a destroy that is called for a pointer which was handed
+ *     out twice must not wait for a thread of its own that uses instances.
  *     No VESSA_ function may be called from constructors or destructors of global objects.
  *  5. Ownership. Whatever a module returns stays its own; the library frees none of it, and
  *     copies what it keeps before the operation's caller goes on.

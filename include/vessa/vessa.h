@@ -26,7 +26,8 @@
  *     with the number -1.
  *  6. Texts are zero-terminated UTF-8, compared byte for byte and case-sensitively, and
  *     copied: the library keeps no pointer that it was given.
- *  7. Every refusal and failure is written to the log (logger "vessa") with its reason.
+ *  7. Every refusal and failure is written to the log (logger "vessa") with its reason, except
+ *     that there was no memory for the call itself.
  *  8. fork. The library must not be used in a forked child that does not exec;
  *     such a child may call exit.
  */
@@ -99,7 +100,8 @@ enum vessa_result {
  * VESSA_OK      started or counted; must be matched by one VESSA_Uninit.
  * VESSA_FAILED  could not start, for example because the system refused a thread or memory,
  *               or because the call came from inside a plug-in call while the library was
- *               being stopped. Nothing is counted and a later call tries again. What the
+ *               being stopped, or from inside one that creates, loads or unloads while the
+ *               library did not run. Nothing is counted and a later call tries again. What the
  *               attempt registered stays registered.
  *
  * From inside a plug-in call it never waits for a start or stop on another thread: a start

@@ -39,7 +39,7 @@ int64_t SeekToEnd(FILE* file);
 
 // The thread's last error for refusals that the system itself did not make.
 void SetErrorFileTooLarge();
-void SetErrorFileCutShort();
+void SetErrorFileChanged();
 void SetErrorTooManyFolders();
 
 }  // namespace process

@@ -34,17 +34,6 @@ class AtomicCounter {
         }
     }
 
-    // Adds delta unless the value is below at_least; false then.
-    bool AddIfAtLeast(int32_t at_least, int32_t delta) {
-        int32_t seen = Get();
-        while (seen >= at_least) {
-            const int32_t before = CompareExchange(seen, seen + delta);
-            if (before == seen) return true;
-            seen = before;
-        }
-        return false;
-    }
-
   private:
     mutable volatile int32_t value_;
 };

@@ -1,10 +1,8 @@
 // Bound calls without arguments of their own, run by the timer on its thread.
 #pragma once
 
-#include <exception>
 #include <new>
 
-#include "common/Compiler.h"
 #include "common/RefObject.h"
 
 class Closure {

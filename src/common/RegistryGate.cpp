@@ -23,9 +23,19 @@ void RunTasks(GateTask* task) {
 
 void RegistryGate::EnterAsWriter() NO_THREAD_SAFETY_ANALYSIS {
     assert(!ReadsHere());
+    // A thread that is cancelled while it waits holds nothing afterwards.
+    struct Unlock {
+        TOVA_Mutex* held = nullptr;
+        ~Unlock() NO_THREAD_SAFETY_ANALYSIS {
+            if (held != nullptr) held->Unlock();
+        }
+    } unlock;
     mutex_.Lock();
     while (readers_.Get() > 0) {
-        if (drained_.TimedWait(kSliceMs) == 0) continue;
+        unlock.held = &mutex_;
+        const int drained = drained_.TimedWait(kSliceMs);
+        unlock.held = nullptr;
+        if (drained == 0) continue;
         mutex_.Unlock();
         // Waiting here, not merely unlocking, is what lets the blocked readers in.
         drained_.TimedWait(kGapMs);

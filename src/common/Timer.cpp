@@ -51,8 +51,6 @@ bool Timer::SetTimer(unsigned int period_ms, ObjectPtrT<Closure> callback) {
     if (!NewControl()) return false;
     const ObjectPtrT<Closure> loop = NewClosure(this, &Timer::ThreadProc, period_ms, callback);
     if (loop.IsNull()) return false;
-    while (control_->wake.TimedWait(0) == 0) {
-    }
     if (!StartThread(loop)) return false;
     running_.store(true);
     return true;

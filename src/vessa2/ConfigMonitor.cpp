@@ -204,6 +204,8 @@ bool ConfigMonitor::ListFolder(FolderQueue& queue, size_t at, const std::string&
         QueuedFolder next;
         next.path = NormalizePath(path + "/" + entry.name);
         next.parent = at;
+        next.volume = entry.volume;
+        next.file_id = entry.file_id;
         queue.push_back(next);
     }
     return true;

@@ -1,5 +1,7 @@
 #include "vessa2/DelayLoadPlugin.h"
 
+#include <new>
+
 #include "common/MessageFormat.h"
 #include "common/ThreadScope.h"
 #include "vessa/vessa.h"
@@ -22,7 +24,12 @@ int DelayLoadPlugin::LoadPlugin() {
 
 int DelayLoadPlugin::LoadFromLoader() {
     Plugin* plugin = nullptr;
-    const int code = PluginLoader::Instance().LoadPlugin(file_path_, plugin);
+    int code = VESSA_ERR_OUT_OF_MEMORY;
+    try {
+        code = PluginLoader::Instance().LoadPlugin(file_path_, plugin);
+    } catch (const std::bad_alloc&) {
+        // There was no memory for the loader itself.
+    }
     return code == VESSA_OK ? KeepLoaded(plugin) : FailLoad(code);
 }
 

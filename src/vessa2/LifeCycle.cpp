@@ -25,21 +25,24 @@ constexpr unsigned int kLeaveWaitMs = 2000;
 alignas(LifeCycle) unsigned char storage[sizeof(LifeCycle)];
 std::atomic<LifeCycle*> the_life_cycle{nullptr};
 
+void DestroyIfQuiet() {
+    LifeCycle* const life_cycle = the_life_cycle.load();
+    if (life_cycle == nullptr || !life_cycle->IsQuiet()) return;
+    the_life_cycle.store(nullptr);
+    life_cycle->~LifeCycle();
+    PluginLoader::DestroyInstance();
+}
+
 struct LibraryLife {
     LibraryLife() {
         Contain([] { the_life_cycle.store(new (storage) LifeCycle); });
     }
     ~LibraryLife() {
-        LifeCycle* const life_cycle = the_life_cycle.load();
         if (!process::BeingUnloaded()) {
-            if (life_cycle != nullptr) life_cycle->LeaveProcess();
+            if (LifeCycle* const life_cycle = the_life_cycle.load()) life_cycle->LeaveProcess();
             return;
         }
-        if (life_cycle != nullptr && life_cycle->IsQuiet()) {
-            the_life_cycle.store(nullptr);
-            life_cycle->~LifeCycle();
-            PluginLoader::DestroyInstance();
-        }
+        Contain([] { DestroyIfQuiet(); });
         ReleaseLogger();
         process::ThreadSlotFree();
     }
@@ -118,8 +121,8 @@ bool LifeCycle::Change(State from, State to) {
     return word_.CompareExchange(before, to.phase * kPhaseUnit + to.users) == before;
 }
 
-// Only a plug-in call or the monitor's thread starts or stops without the global mutex; they
-// wait for nobody who waits here.
+// Only plug-in calls, and stops that were put off by one, go without the global mutex; they wait
+// for nobody who waits here.
 void LifeCycle::WaitForChange() { phase_ended_.TimedWait(kPhaseSliceMs); }
 
 int LifeCycle::Init() { return ThreadScope::InPluginCall() ? InitInside() : InitOutside(); }
@@ -185,8 +188,11 @@ int LifeCycle::Start(Claim& claim) {
     bool runs = false;
     Contain([&] {
         const StartMark mark(*ThreadScope::Current());
-        coordinator_.SetPluginRoot(GetModuleDirectory() + "/" + kPluginFolder);
-        coordinator_.SetConfigFilename(kConfigFilename);
+        // Still running when a stop was put off and is not due any more.
+        if (!coordinator_.IsRunning()) {
+            coordinator_.SetPluginRoot(GetModuleDirectory() + "/" + kPluginFolder);
+            coordinator_.SetConfigFilename(kConfigFilename);
+        }
         runs = coordinator_.Run();
     });
     if (!runs) {
@@ -195,7 +201,7 @@ int LifeCycle::Start(Claim& claim) {
         claim.Finish(0, false);
         return result;
     }
-    process_id_ = process::ProcessId();
+    process_id_.store(process::ProcessId());
     if (self_reference_ == nullptr) self_reference_ = process::ReferenceSelf();
     claim.Finish(1, true);
     LOG_PLAIN(kInformation, "init vessa succeeded");
@@ -266,7 +272,7 @@ void LifeCycle::Stop(Claim& claim) {
 
 void LifeCycle::LeaveProcess() {
     // A forked child has neither the thread nor the locks that its threads held.
-    if (process::ProcessId() != process_id_) return;
+    if (process::ProcessId() != process_id_.load()) return;
     const bool inside = ThreadScope::Current() != nullptr;
     if (!inside && Read().phase == kIdle && coordinator_.IsRunning())
         coordinator_.AskToEnd(kLeaveWaitMs);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "common/AtomicCounter.h"
@@ -80,5 +81,5 @@ class LifeCycle {
     tova_mutex_t global_mutex_ = nullptr;
     TOVA_Sema phase_ended_;
     void* self_reference_ = nullptr;  // held from a start to the end of its stop
-    int32_t process_id_;              // the process that loaded the library or started it last
+    std::atomic<int32_t> process_id_;  // of the process that loaded the library or started it last
 };

@@ -219,7 +219,9 @@ int Plugin::LoadPlugin() {
             plugin->FailLoad(VESSA_FAILED);
         }
     } undo{this};
+    initialising_.store(true);
     const int code = LoadFirst();
+    initialising_.store(false);
     undo.plugin = nullptr;
     return code == VESSA_OK ? VESSA_OK : FailLoad(code);
 }
@@ -250,9 +252,7 @@ int Plugin::LoadFirst() {
 }
 
 int Plugin::InitModule() {
-    initialising_.store(true);
     const int result = CallModule(kThrown, [this] { return operation_record_.Init(); });
-    initialising_.store(false);
     if (result != 0) {
         // Kept: the text asks for a third value that it is not given.
         LOG_FORMAT(kError, "init plugin failed, error {0}/{0:X}, filename {2}", result, filename_);

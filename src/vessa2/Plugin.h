@@ -57,8 +57,9 @@ class Plugin {
     const std::string& folder_path() const { return folder_path_; }
     const std::string& file_path() const { return file_path_; }
 
-    // Whether Init is on the stack. To a caller that has just loaded the module this can only
-    // be on its own thread: the load is nested in that Init and falls with it.
+    // Whether the first load is under way, the module's entry and Init included. To a caller
+    // that has just loaded the module this can only be on its own thread: its load is nested in
+    // that one and falls with it.
     bool IsInitialising() const { return initialising_.load(); }
 
     // Kept by the loader.

@@ -82,7 +82,12 @@ bool ReadOpenFile(FILE* file, std::string& text, size_t max_size) {
     const size_t wanted = static_cast<size_t>(size);
     text.resize(wanted);
     if (std::fread(&text[0], 1, wanted, file) != wanted) {
-        if (std::ferror(file) == 0) process::SetErrorFileCutShort();
+        if (std::ferror(file) == 0) process::SetErrorFileChanged();
+        return false;
+    }
+    // Half of what somebody is still writing is no list.
+    if (std::fgetc(file) != EOF) {
+        process::SetErrorFileChanged();
         return false;
     }
     const size_t zero = text.find('\0');

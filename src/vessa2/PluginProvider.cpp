@@ -34,11 +34,7 @@ void PluginProvider::PluginData::RunPutOff(GateTask* task) {
     // Free for the next one before the conditions are tested again: whoever puts it off from
     // now on has seen what this thread will not look at any more.
     data.is_put_off_.Set(0);
-    try {
-        provider.UnloadPutOff(self);
-    } catch (const std::bad_alloc&) {
-        // The record stays, marked, until it is registered again or the library stops.
-    }
+    provider.UnloadPutOff(self);
 }
 
 int PluginProvider::CheckRegistration(const std::string& fkey, const std::string& file_path,
@@ -97,30 +93,30 @@ int PluginProvider::EnterAndLoad(const std::string& fkey, const std::string& fil
 // others nothing can be said.
 int PluginProvider::FindConflict(const std::string& fkey, const std::string& file_path,
                                  const std::string& filename) {
-    static const std::set<std::string> kNone;
     const auto bucket = by_filename_.find(filename);
-    const std::set<std::string>& same_name = bucket != by_filename_.end() ? bucket->second : kNone;
+    const bool is_named = bucket != by_filename_.end();
     const auto own = collection_.find(fkey);
 
     auto invalid = invalid_.begin();
-    auto named = same_name.begin();
+    auto named = is_named ? bucket->second.begin() : invalid_.end();
+    const auto named_end = is_named ? bucket->second.end() : invalid_.end();
     bool own_left = own != collection_.end();
     // All keys of a file name have one path. If it is this one they can only be warned of,
     // which many keys on one module would make quadratic: not when nobody reads it.
-    if (named != same_name.end() && !LogEnabled(kWarning)) {
+    if (is_named && !LogEnabled(kWarning)) {
         const auto first = collection_.find(*named);
-        if (first->second->file_path() == file_path) named = same_name.end();
+        if (first->second->file_path() == file_path) named = named_end;
     }
     for (;;) {
         const std::string* key = own_left ? &own->first : nullptr;
         if (invalid != invalid_.end() && (key == nullptr || *invalid < *key)) key = &*invalid;
-        if (named != same_name.end() && (key == nullptr || *named < *key)) key = &*named;
+        if (named != named_end && (key == nullptr || *named < *key)) key = &*named;
         if (key == nullptr) return VESSA_OK;
         const auto entry = collection_.find(*key);
         if (const int refusal = CheckEntry(*key, entry->second, fkey, file_path)) return refusal;
         if (own_left && own->first == entry->first) own_left = false;
         if (invalid != invalid_.end() && *invalid == entry->first) ++invalid;
-        if (named != same_name.end() && *named == entry->first) ++named;
+        if (named != named_end && *named == entry->first) ++named;
     }
 }
 

@@ -80,12 +80,16 @@ void ReleaseSelf(void* reference) {
 
 bool BeingUnloaded() {
     // A library that was linked in at the start cannot be unloaded, and its end looks like
-    // an unload; its functions stand in the process's global scope.
+    // an unload; its functions stand in the program's own scope. So do those of a library that
+    // was loaded for everybody.
     if (!module_finalised) return false;
+    void* const program = dlopen(nullptr, RTLD_NOW | RTLD_NOLOAD);
+    if (program == nullptr) return false;
+    void* const start = dlsym(program, "VESSA_Init");
+    dlclose(program);
+    if (start == nullptr) return true;
     Dl_info global;
     Dl_info own;
-    void* const start = dlsym(RTLD_DEFAULT, "VESSA_Init");
-    if (start == nullptr) return true;
     return dladdr(start, &global) != 0 && dladdr(OwnAddress(), &own) != 0 &&
            global.dli_fbase != own.dli_fbase;
 }
@@ -93,7 +97,7 @@ bool BeingUnloaded() {
 int32_t ProcessId() { return static_cast<int32_t>(getpid()); }
 
 FILE* OpenRegularFile(const char* path) {
-    const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (file < 0) return nullptr;
     struct stat about;
     int error = 0;
@@ -117,7 +121,7 @@ int64_t SeekToEnd(FILE* file) {
 }
 
 void SetErrorFileTooLarge() { errno = EFBIG; }
-void SetErrorFileCutShort() { errno = EIO; }
+void SetErrorFileChanged() { errno = EBUSY; }
 void SetErrorTooManyFolders() { errno = ELOOP; }
 
 }  // namespace process

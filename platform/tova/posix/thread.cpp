@@ -72,6 +72,8 @@ tova_thread_t TOVA_Thread_Create(tova_entry_t entry, void* argument, int, int, i
 int TOVA_Thread_Wait(tova_thread_t thread) {
     if (thread == nullptr) return tova::Fail(EINVAL);
     if (pthread_equal(thread->native, pthread_self()) != 0) return tova::Fail(EDEADLK);
+    // Nobody could join it after a cancelled wait.
+    const tova::CancelGuard guard;
     const int error = pthread_join(thread->native, nullptr);
     if (error != 0) return tova::Fail(error);
     delete thread;
