@@ -26,7 +26,7 @@ void* ReferenceSelf();
 void ReleaseSelf(void* reference);
 
 // True during the destruction of global objects when it is the library that goes away, not
-// the process: nobody can come any more then. In doubt false.
+// the process: nobody can come any more then.
 bool BeingUnloaded();
 
 int32_t ProcessId();

@@ -55,6 +55,7 @@ void PluginCoordinator::ConfigFileChanged(const ConfigMonitor&,
         LOG_PLAIN(kInformation, "plugin coordinator already shutdown, config change igored");
         return;
     }
+    TakeUpLeftOvers(to_register, to_unregister);
     ApplyChanges(to_register, to_unregister);
     LOG_PLAIN(kTrace, "config file changed end");
 }
@@ -158,22 +159,40 @@ void PluginCoordinator::FindPluginChangedInConfig(const PluginConfigList& curren
     }
 }
 
+// What an earlier round had no memory for comes first; an item that goes now is not entered.
+void PluginCoordinator::TakeUpLeftOvers(PluginConfigList& to_register,
+                                        PluginConfigList& to_unregister) {
+    for (const PluginConfigItem& gone : to_unregister) {
+        not_entered_.remove_if([&](const PluginConfigItem& item) {
+            return item.fkey == gone.fkey && item.config_file_path == gone.config_file_path;
+        });
+    }
+    to_register.splice(to_register.begin(), not_entered_);
+    to_unregister.splice(to_unregister.begin(), not_taken_out_);
+}
+
 // What goes, goes first; further fkeys go before the plug-ins that announce them and come
 // after them. Each step stands for itself.
-void PluginCoordinator::ApplyChanges(const PluginConfigList& to_register,
-                                     const PluginConfigList& to_unregister) {
+void PluginCoordinator::ApplyChanges(PluginConfigList& to_register,
+                                     PluginConfigList& to_unregister) {
+    PluginConfigList not_entered;
+    PluginConfigList not_taken_out;
     Contain([&] {
         PluginConfigList mapped_out;
         StatisticsLoadFkeys(to_unregister, mapped_out);
-        UnregisterPluginList(mapped_out);
+        UnregisterItems(mapped_out, not_taken_out);
     });
-    Contain([&] { UnregisterPluginList(to_unregister); });
-    Contain([&] { RegisterPluginList(to_register); });
+    Contain([&] { UnregisterItems(to_unregister, not_taken_out); });
+    Contain([&] { RegisterItems(to_register, not_entered); });
     Contain([&] {
         PluginConfigList mapped_in;
         StatisticsLoadFkeys(to_register, mapped_in);
-        RegisterPluginList(mapped_in);
+        // Announced again when their plug-in is registered again, not before.
+        PluginConfigList dropped;
+        RegisterItems(mapped_in, dropped);
     });
+    not_entered_.splice(not_entered_.end(), not_entered);
+    not_taken_out_.splice(not_taken_out_.end(), not_taken_out);
 }
 
 void PluginCoordinator::StatisticsLoadFkeys(const PluginConfigList& list,

@@ -94,6 +94,10 @@ bool PluginCoordinator::Shutdown() {
         return true;
     }
     TOVA_MutexGuard run_guard(run_mutex_);
+    if (!running_.load()) {
+        LOG_PLAIN(kWarning, "already shutdown");
+        return true;
+    }
     {
         TOVA_MutexGuard guard(mutex_);
         running_.store(false);
@@ -130,6 +134,8 @@ void PluginCoordinator::UnregisterAll() {
     std::map<std::string, RegisteredRecord> records;
     records.swap(registered_);
     unregistered_.clear();
+    not_entered_.clear();
+    not_taken_out_.clear();
     for (const auto& entry : records) {
         if (!entry.second.registered) continue;
         const PluginConfigItem& item = entry.second.item;
@@ -168,12 +174,20 @@ bool PluginCoordinator::ReadPluginList(const std::string& config_file_path,
 }
 
 void PluginCoordinator::RegisterPluginList(const PluginConfigList& list) {
+    PluginConfigList own = list;
+    PluginConfigList left_over;
+    RegisterItems(own, left_over);
+}
+
+// What there is no memory for goes from the list to left_over.
+void PluginCoordinator::RegisterItems(PluginConfigList& list, PluginConfigList& left_over) {
     TOVA_MutexGuard guard(mutex_);
-    for (const PluginConfigItem& item : list) {
+    for (auto next = list.begin(); next != list.end();) {
+        const auto item = next++;
         try {
-            EnterItem(item);
+            EnterItem(*item);
         } catch (const std::bad_alloc&) {
-            // The others are still to be entered.
+            left_over.splice(left_over.end(), list, item);
         }
     }
     RegisterPending();
@@ -235,12 +249,21 @@ void PluginCoordinator::RegisterRecord(const std::string& key) {
 }
 
 void PluginCoordinator::UnregisterPluginList(const PluginConfigList& list) {
+    PluginConfigList own = list;
+    PluginConfigList left_over;
+    UnregisterItems(own, left_over);
+}
+
+// A record that there is no memory to take out stays, as its plug-in does, and its item goes
+// to left_over.
+void PluginCoordinator::UnregisterItems(PluginConfigList& list, PluginConfigList& left_over) {
     TOVA_MutexGuard guard(mutex_);
-    for (const PluginConfigItem& item : list) {
+    for (auto next = list.begin(); next != list.end();) {
+        const auto item = next++;
         try {
-            UnregisterItem(item);
+            UnregisterItem(*item);
         } catch (const std::bad_alloc&) {
-            // The record stays, as its plug-in does; the others go on.
+            left_over.splice(left_over.end(), list, item);
         }
     }
 }

@@ -76,13 +76,18 @@ class PluginCoordinator {
     void EnterItem(const PluginConfigItem& item) REQUIRES(mutex_);
     void RegisterPending() REQUIRES(mutex_);
     void RegisterRecord(const std::string& key) REQUIRES(mutex_);
+    void RegisterItems(PluginConfigList& list, PluginConfigList& left_over);
+    void UnregisterItems(PluginConfigList& list, PluginConfigList& left_over);
     void UnregisterItem(const PluginConfigItem& item) REQUIRES(mutex_);
 
     void CollectChange(const ConfigMonitor::NotifyInfo& change, PluginConfigList& to_register,
                        PluginConfigList& to_unregister);
     void CollectList(const std::string& path, int32_t type, PluginConfigList& to_register,
                      PluginConfigList& to_unregister);
-    void ApplyChanges(const PluginConfigList& to_register, const PluginConfigList& to_unregister);
+    void TakeUpLeftOvers(PluginConfigList& to_register, PluginConfigList& to_unregister)
+        REQUIRES(mutex_);
+    void ApplyChanges(PluginConfigList& to_register, PluginConfigList& to_unregister)
+        REQUIRES(mutex_);
     void AppendMappedFkeys(const PluginConfigItem& item, PluginConfigList& mapped);
 
     bool FindStoredList(const std::string& path, PluginConfigList* list);
@@ -95,6 +100,9 @@ class PluginCoordinator {
     std::map<std::string, PluginConfigList> config_collection_ GUARDED_BY(config_mutex_);
     std::map<std::string, RegisteredRecord> registered_ GUARDED_BY(mutex_);
     std::set<std::string> unregistered_ GUARDED_BY(mutex_);
+    // Items that a round had no memory for. The next round begins with them.
+    PluginConfigList not_entered_ GUARDED_BY(mutex_);
+    PluginConfigList not_taken_out_ GUARDED_BY(mutex_);
     std::atomic<bool> running_{false};
     TOVA_Mutex run_mutex_ ACQUIRED_AFTER(lock_order::run) ACQUIRED_BEFORE(lock_order::coordinator);
     // Re-entrant on purpose: Run holds it while the first scan's changes take it again.

@@ -12,6 +12,18 @@
 namespace process {
 namespace {
 
+// Whether the end of the process has begun, and whether the library's own end came before it.
+// Made with the first use, after the program's start has registered the end of its libraries:
+// so it ends before they do, while an unload finalises the library first.
+bool process_is_ending = false;
+bool being_unloaded = false;
+
+struct EndOfProcess {
+    ~EndOfProcess() { process_is_ending = true; }
+};
+
+__attribute__((destructor)) void NoteFinalisation() { being_unloaded = !process_is_ending; }
+
 struct ThreadKey {
     pthread_key_t key = 0;
     bool valid = false;
@@ -20,6 +32,7 @@ struct ThreadKey {
 
 ThreadKey& Key() {
     static ThreadKey key;
+    static const EndOfProcess end;
     return key;
 }
 
@@ -31,12 +44,6 @@ __attribute__((constructor)) void KeepWorkingFolder() {
     if (getcwd(working_folder_at_load, sizeof working_folder_at_load) == nullptr)
         working_folder_at_load[0] = '\0';
 }
-
-bool module_finalised = false;
-
-// An unload runs this before the destructors of global objects; the end of the process runs
-// it after them, for a library that was loaded by name while the process ran.
-__attribute__((destructor)) void NoteFinalisation() { module_finalised = true; }
 
 const void* OwnAddress() { return static_cast<const void*>(working_folder_at_load); }
 
@@ -78,21 +85,7 @@ void ReleaseSelf(void* reference) {
     if (reference != nullptr) dlclose(reference);
 }
 
-bool BeingUnloaded() {
-    // A library that was linked in at the start cannot be unloaded, and its end looks like
-    // an unload; its functions stand in the program's own scope. So do those of a library that
-    // was loaded for everybody.
-    if (!module_finalised) return false;
-    void* const program = dlopen(nullptr, RTLD_NOW | RTLD_NOLOAD);
-    if (program == nullptr) return false;
-    void* const start = dlsym(program, "VESSA_Init");
-    dlclose(program);
-    if (start == nullptr) return true;
-    Dl_info global;
-    Dl_info own;
-    return dladdr(start, &global) != 0 && dladdr(OwnAddress(), &own) != 0 &&
-           global.dli_fbase != own.dli_fbase;
-}
+bool BeingUnloaded() { return being_unloaded; }
 
 int32_t ProcessId() { return static_cast<int32_t>(getpid()); }
 
