@@ -21,4 +21,9 @@ if(VESSA_SANITIZE)
   target_compile_options(vessa_flags INTERFACE
     -fsanitize=${VESSA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(vessa_flags INTERFACE -fsanitize=${VESSA_SANITIZE})
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # A program in C that loads the library needs the C++ part of the sanitizers' runtime too.
+    target_link_options(vessa_flags INTERFACE $<$<LINK_LANGUAGE:C>:-fsanitize-link-c++-runtime>)
+    target_link_libraries(vessa_flags INTERFACE $<$<LINK_LANGUAGE:C>:stdc++>)
+  endif()
 endif()

@@ -10,13 +10,18 @@ constexpr unsigned kGapMs = 1;
 
 // Runs every task, also those behind one that is ended by the thread's cancellation.
 void RunTasks(GateTask* task) {
-    if (task == nullptr) return;
     struct Rest {
         GateTask* tasks;
-        ~Rest() noexcept(false) { RunTasks(tasks); }
-    } const rest{task->next};
-    task->next = nullptr;
-    task->run(task);
+        ~Rest() noexcept(false) {
+            if (tasks != nullptr) RunTasks(tasks);
+        }
+    } rest{task};
+    while (rest.tasks != nullptr) {
+        GateTask* const next = rest.tasks;
+        rest.tasks = next->next;
+        next->next = nullptr;
+        next->run(next);
+    }
 }
 
 }  // namespace

@@ -18,8 +18,8 @@ struct ThreadState {
     void (*at_end)() = nullptr;     // run once when the outermost frame ends
 };
 
-// One library frame. Every export that may come to a module, every tick of a timer, every read of a gate and every call
-// into a module opens one; frames nest.
+// One library frame. Every export that may come to a module, every tick of a timer, every read
+// of a gate and every call into a module opens one; frames nest.
 //
 // Thread safety: on the stack of one thread. Construction throws std::bad_alloc when the
 // system has no room for the thread's slot.

@@ -48,6 +48,8 @@ bool Timer::SetTimer(unsigned int period_ms, ObjectPtrT<Closure> callback) {
     TOVA_MutexGuard guard(mutex_);
     if (running_.load() && !StopTimer()) return false;
     JoinThread();
+    // The closure may have started the timer again while its thread was waited for.
+    running_.store(false);
     if (!NewControl()) return false;
     const ObjectPtrT<Closure> loop = NewClosure(this, &Timer::ThreadProc, period_ms, callback);
     if (loop.IsNull()) return false;
@@ -125,11 +127,12 @@ void Timer::ThreadProc(unsigned int period_ms, ObjectPtrT<Closure> callback) {
     const PostAtEnd finished{control->finished};
     while (control->wake.TimedWait(period_ms) != 0) {
         RunGuarded(*callback, this);
-        if (control->ended) break;
         if (control->replaced) {
             control->replaced = false;
             period_ms = control->period_ms;
             callback = control->callback;
+            control->callback.Reset(nullptr);
         }
+        if (control->ended) break;
     }
 }

@@ -25,8 +25,8 @@ class Timer {
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
 
-    // False: callback null, no memory or no thread; the timer is stopped then, and the last
-    // system error tells why.
+    // False: callback null, and nothing has changed; or no memory or no thread, the timer is
+    // stopped then, and the last system error tells why.
     bool SetTimer(unsigned int period_ms, ObjectPtrT<Closure> callback);
     // Ends the thread and waits for it. Never fails.
     bool StopTimer();

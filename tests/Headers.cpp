@@ -1,0 +1,1 @@
+// Nothing of its own: the precompiled headers of the white-box tests belong to some target.
