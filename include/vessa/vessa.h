@@ -115,7 +115,9 @@ VESSA_API int VESSA_Init(void);
  * The stop ends the thread that follows changes and waits for it, then unregisters every
  * plug-in and unloads the modules without live instances (their Uninit runs on this
  * thread). A plug-in with live instances stays loaded until its last instance is destroyed;
- * until then the application must keep the library itself loaded. Without a matching
+ * until then the application must keep the library itself loaded. While it runs the library
+ * holds a reference to itself, which the stop drops: whoever stops it must have it loaded.
+ * Without a matching
  * VESSA_Init the call does nothing.
  *
  * The last one, when it comes from inside a plug-in call, is carried out when the outermost

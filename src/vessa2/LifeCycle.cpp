@@ -252,7 +252,8 @@ void LifeCycle::CarryOutPutOffStop() {
         LifeCycle* const life_cycle = Get();
         if (life_cycle == nullptr || !life_cycle->coordinator_.IsRunning()) return;
         Claim claim(*life_cycle, State{kIdle, 0}, kStopping);
-        if (claim.IsHeld()) life_cycle->Stop(claim);
+        // Another thread's start and stop may have come and gone before the claim.
+        if (claim.IsHeld() && life_cycle->coordinator_.IsRunning()) life_cycle->Stop(claim);
     });
 }
 

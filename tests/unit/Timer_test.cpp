@@ -211,6 +211,7 @@ TEST(Timer, StopsOfTwoThreadsBothEndAfterTheCallback) {
     Gate inside;
     Gate go_on;
     std::atomic<bool> callback_ended{false};
+    std::atomic<int> locking{0};
     std::atomic<int> saw_the_end{0};
     Callback callback;
     callback.body = [&] {
@@ -223,7 +224,6 @@ TEST(Timer, StopsOfTwoThreadsBothEndAfterTheCallback) {
     ASSERT_TRUE(timer.SetTimer(kPeriodMs, callback.Bound()));
     runtime.StartTick();
     inside.Wait();
-    std::atomic<int> locking{0};
     runtime.Before(Tova::MutexLock, [&](RuntimeCall&) {
         if (++locking == 2) go_on.Open();
     });
