@@ -73,11 +73,16 @@ bool Timer::StopTimer() {
 }
 
 void Timer::AskToEnd(unsigned int wait_ms) {
-    if (!running_.load() || OnOwnThread()) return;
     const ObjectPtrT<Control> control = control_;
+    if (control.IsNull() || OnOwnThread()) return;
     control->wake.Post();
-    // Given back for whoever stops the timer later.
-    if (control->finished.TimedWait(wait_ms) == 0) control->finished.Post();
+    if (control->finished.TimedWait(wait_ms) != 0) return;
+    // Given back for the next one who asks.
+    control->finished.Post();
+    if (running_.load()) return;
+    // The closure stopped the timer itself, and nobody is going to join its thread any more.
+    TOVA_MutexGuard guard(mutex_);
+    JoinThread();
 }
 
 bool Timer::NewControl() {
@@ -106,6 +111,7 @@ void Timer::JoinThread() {
     control_->wake.Post();
     TOVA_Thread_Wait(thread_);
     thread_ = nullptr;
+    control_.Reset(nullptr);
 }
 
 bool Timer::OnOwnThread() const {

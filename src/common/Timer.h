@@ -16,7 +16,7 @@
 // lock and wait for nothing: StopTimer ends the thread when the closure returns, SetTimer
 // gives the same thread a new period and closure.
 // Invariants: thread_ is set from a successful start until the thread has been joined;
-// control_ belongs to that thread and is replaced only after the join.
+// control_ is that thread's, and null without one.
 class Timer {
   public:
     Timer() = default;
@@ -32,7 +32,7 @@ class Timer {
     bool StopTimer();
 
     // For the end of the process, while no start or stop is under way: asks the thread to end
-    // and waits a bounded time. Nothing else changes.
+    // and waits a bounded time. A thread that stopped the timer itself is joined then.
     void AskToEnd(unsigned int wait_ms);
 
   private:

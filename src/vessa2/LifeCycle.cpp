@@ -275,7 +275,7 @@ void LifeCycle::LeaveProcess() {
     // A forked child has neither the thread nor the locks that its threads held.
     if (process::ProcessId() != process_id_.load()) return;
     const bool inside = ThreadScope::Current() != nullptr;
-    if (!inside && Read().phase == kIdle && coordinator_.IsRunning())
+    if (!inside && Read().phase == kIdle)
         coordinator_.AskToEnd(kLeaveWaitMs);
     ReleaseLogger();
 }
