@@ -15,7 +15,7 @@
 
 // The words of the header in place of spdlog's own.
 #define SPDLOG_LEVEL_NAMES \
-    { "trace", "debug", "information", "warning", "error", "critical", "off" }
+  { "trace", "debug", "information", "warning", "error", "critical", "off" }
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>

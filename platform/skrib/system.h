@@ -8,18 +8,18 @@
 #define SKRIB_SYSTEM_H
 
 #if defined(_WIN32)
-#    include <windows.h>
+#  include <windows.h>
 #else
-#    include <pthread.h>
+#  include <pthread.h>
 #endif
 
 #include <cerrno>
 #include <cstdlib>
 
 #if defined(__clang__)
-#    define SKRIB_ATTRIBUTE(x) __attribute__((x))
+#  define SKRIB_ATTRIBUTE(x) __attribute__((x))
 #else
-#    define SKRIB_ATTRIBUTE(x)
+#  define SKRIB_ATTRIBUTE(x)
 #endif
 #define SKRIB_GUARDED_BY(x) SKRIB_ATTRIBUTE(guarded_by(x))
 #define SKRIB_REQUIRES(x) SKRIB_ATTRIBUTE(requires_capability(x))

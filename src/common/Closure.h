@@ -63,6 +63,6 @@ ObjectPtrT<Closure> NewClosure(T* object, void (T::*method)()) {
 template <class T, class A1, class A2>
 ObjectPtrT<Closure> NewClosure(T* object, void (T::*method)(A1, A2), const A1& first,
                                const A2& second) {
-    return ClosureInternal::Own(
-        new (std::nothrow) ClosureInternal::MethodClosure2<T, A1, A2>(object, method, first, second));
+    return ClosureInternal::Own(new (std::nothrow) ClosureInternal::MethodClosure2<T, A1, A2>(
+        object, method, first, second));
 }

@@ -46,4 +46,4 @@ void LogPlain(int32_t level, const char* text, const char* file, const char* fun
 
 // A message without values.
 #define LOG_PLAIN(level, text) \
-    LogPlain((level), (text), __FILE__, VESSA_FUNCTION_SIGNATURE, __LINE__)
+  LogPlain((level), (text), __FILE__, VESSA_FUNCTION_SIGNATURE, __LINE__)

@@ -10,7 +10,9 @@ namespace {
 constexpr char kParseError[] = "(parse error)";
 constexpr size_t kReservedBytes = 1024;
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool IsDigit(char c) {
+    return c >= '0' && c <= '9';
+}
 
 void AppendHex(std::string& output, uint64_t value, bool upper) {
     const char* const digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
@@ -51,26 +53,41 @@ void LogArg::RenderPlain(std::string& output) const {
             std::snprintf(buffer, sizeof buffer, "%u", static_cast<uint32_t>(unsigned_));
             output += buffer;
             break;
-        case Kind::kBool: output += signed_ != 0 ? "true" : "false"; break;
+        case Kind::kBool:
+            output += signed_ != 0 ? "true" : "false";
+            break;
         case Kind::kText:
             if (pointer_ != nullptr) output += static_cast<const char*>(pointer_);
             break;
-        case Kind::kString: output += *static_cast<const std::string*>(pointer_); break;
-        case Kind::kPointer: AppendAddress(output, unsigned_); break;
-        case Kind::kList: append_(output, pointer_); break;
+        case Kind::kString:
+            output += *static_cast<const std::string*>(pointer_);
+            break;
+        case Kind::kPointer:
+            AppendAddress(output, unsigned_);
+            break;
+        case Kind::kList:
+            append_(output, pointer_);
+            break;
     }
 }
 
 // The value that "x" and "X" show; false for the types that have none.
 bool LogArg::HexValue(uint64_t& value) const {
     switch (kind_) {
-        case Kind::kSigned: value = static_cast<uint64_t>(int64_t{signed_}); return true;
+        case Kind::kSigned:
+            value = static_cast<uint64_t>(int64_t{signed_});
+            return true;
         case Kind::kUnsigned:
-        case Kind::kPointer: value = unsigned_; return true;
-        case Kind::kText: value = AddressOf(static_cast<const char*>(pointer_)); return true;
+        case Kind::kPointer:
+            value = unsigned_;
+            return true;
+        case Kind::kText:
+            value = AddressOf(static_cast<const char*>(pointer_));
+            return true;
         case Kind::kBool:
         case Kind::kString:
-        case Kind::kList: return false;
+        case Kind::kList:
+            return false;
     }
     return false;
 }
@@ -154,8 +171,8 @@ std::string FormatMessage(const void* object, const char* format, const LogArg* 
     return output;
 }
 
-void WriteFormatted(const LogSite& site, const void* object, const char* format,
-                    const LogArg* args, size_t arg_count) {
+void WriteFormatted(const LogSite& site, const void* object, const char* format, const LogArg* args,
+                    size_t arg_count) {
     try {
         const std::string output = FormatMessage(object, format, args, arg_count);
         if (output.empty() || !LogEnabled(site.level)) return;

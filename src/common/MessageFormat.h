@@ -63,8 +63,8 @@ std::string FormatMessage(const void* object, const char* format, const LogArg* 
                           size_t arg_count);
 
 // Formats and writes; drops the message when there is no memory for it.
-void WriteFormatted(const LogSite& site, const void* object, const char* format,
-                    const LogArg* args, size_t arg_count);
+void WriteFormatted(const LogSite& site, const void* object, const char* format, const LogArg* args,
+                    size_t arg_count);
 
 template <class... Args>
 void LogFormat(const LogSite& site, const void* object, const char* format, const Args&... args) {
@@ -73,11 +73,13 @@ void LogFormat(const LogSite& site, const void* object, const char* format, cons
     WriteFormatted(site, object, format, list, sizeof...(args));
 }
 
-#define LOG_SITE(level) \
-    LogSite { GetLogger(), (level), __FILE__, VESSA_FUNCTION_SIGNATURE, __LINE__ }
+#define LOG_SITE(level)                                                \
+  LogSite {                                                            \
+    GetLogger(), (level), __FILE__, VESSA_FUNCTION_SIGNATURE, __LINE__ \
+  }
 
 // A message with values.
 #define LOG_FORMAT(level, format, ...) LogFormat(LOG_SITE(level), nullptr, format, __VA_ARGS__)
 // The same, led by the address of the object that says it.
 #define LOG_FORMAT_OF(object, level, format, ...) \
-    LogFormat(LOG_SITE(level), (object), format, __VA_ARGS__)
+  LogFormat(LOG_SITE(level), (object), format, __VA_ARGS__)

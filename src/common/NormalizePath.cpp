@@ -4,7 +4,9 @@
 
 namespace {
 
-bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool IsLetter(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
 bool StartsWithDrive(const std::string& path) {
     return path.size() >= 3 && IsLetter(path[0]) && path[1] == ':' && path[2] == '/';
@@ -55,7 +57,9 @@ std::string NormalizePath(const char* path) {
     return result;
 }
 
-std::string NormalizePath(const std::string& path) { return NormalizePath(path.c_str()); }
+std::string NormalizePath(const std::string& path) {
+    return NormalizePath(path.c_str());
+}
 
 std::string FolderOf(const std::string& normalized_path) {
     const size_t slash = normalized_path.rfind('/');

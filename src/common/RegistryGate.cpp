@@ -53,7 +53,9 @@ void RegistryGate::Downgrade() NO_THREAD_SAFETY_ANALYSIS {
     mutex_.Unlock();
 }
 
-void RegistryGate::ExitAsWriter() NO_THREAD_SAFETY_ANALYSIS { mutex_.Unlock(); }
+void RegistryGate::ExitAsWriter() NO_THREAD_SAFETY_ANALYSIS {
+    mutex_.Unlock();
+}
 
 void RegistryGate::EnterAsReader() {
     TOVA_MutexGuard guard(mutex_);

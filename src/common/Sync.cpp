@@ -15,11 +15,17 @@ TOVA_Mutex& TOVA_Mutex::operator=(const TOVA_Mutex& other) {
     return *this;
 }
 
-TOVA_Mutex::~TOVA_Mutex() { TOVA_MutexDestroy(&native_); }
+TOVA_Mutex::~TOVA_Mutex() {
+    TOVA_MutexDestroy(&native_);
+}
 
-void TOVA_Mutex::Lock() NO_THREAD_SAFETY_ANALYSIS { TOVA_MutexLock(&native_); }
+void TOVA_Mutex::Lock() NO_THREAD_SAFETY_ANALYSIS {
+    TOVA_MutexLock(&native_);
+}
 
-void TOVA_Mutex::Unlock() NO_THREAD_SAFETY_ANALYSIS { TOVA_MutexUnlock(&native_); }
+void TOVA_Mutex::Unlock() NO_THREAD_SAFETY_ANALYSIS {
+    TOVA_MutexUnlock(&native_);
+}
 
 TOVA_Sema::TOVA_Sema() {
     if (TOVA_SemCreate(&native_, 0) != 0) throw std::bad_alloc();
@@ -33,11 +39,17 @@ TOVA_Sema& TOVA_Sema::operator=(const TOVA_Sema& other) {
     return *this;
 }
 
-TOVA_Sema::~TOVA_Sema() { TOVA_SemDestroy(&native_); }
+TOVA_Sema::~TOVA_Sema() {
+    TOVA_SemDestroy(&native_);
+}
 
-void TOVA_Sema::Post() { TOVA_SemPost(&native_); }
+void TOVA_Sema::Post() {
+    TOVA_SemPost(&native_);
+}
 
-void TOVA_Sema::Wait() { TOVA_SemWait(&native_); }
+void TOVA_Sema::Wait() {
+    TOVA_SemWait(&native_);
+}
 
 int TOVA_Sema::TimedWait(unsigned milliseconds) {
     return TOVA_SemTimedWait(&native_, milliseconds);

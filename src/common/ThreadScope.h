@@ -10,12 +10,12 @@
 struct GateHold;
 
 struct ThreadState {
-    int32_t frames = 0;             // library frames on the stack
-    int32_t plugin_calls = 0;       // calls into modules on the stack
-    GateHold* holds = nullptr;      // reads of registry gates, innermost first
-    const void* timer = nullptr;    // set on a timer's thread: whose
-    bool starting = false;          // the library's start is on the stack
-    void (*at_end)() = nullptr;     // run once when the outermost frame ends
+    int32_t frames = 0;           // library frames on the stack
+    int32_t plugin_calls = 0;     // calls into modules on the stack
+    GateHold* holds = nullptr;    // reads of registry gates, innermost first
+    const void* timer = nullptr;  // set on a timer's thread: whose
+    bool starting = false;        // the library's start is on the stack
+    void (*at_end)() = nullptr;   // run once when the outermost frame ends
 };
 
 // One library frame. Every export that may come to a module, every tick of a timer, every read

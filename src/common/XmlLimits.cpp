@@ -8,8 +8,12 @@
 
 namespace {
 
-bool IsSpace(unsigned char c) { return std::isspace(c) != 0; }
-bool IsNameStart(unsigned char c) { return c == '_' || c >= 127 || std::isalpha(c) != 0; }
+bool IsSpace(unsigned char c) {
+    return std::isspace(c) != 0;
+}
+bool IsNameStart(unsigned char c) {
+    return c == '_' || c >= 127 || std::isalpha(c) != 0;
+}
 bool IsNameByte(unsigned char c) {
     return IsNameStart(c) || std::isdigit(c) != 0 || c == '-' || c == '.' || c == ':';
 }
@@ -143,7 +147,8 @@ class XmlWalk {
             ++position_;
             return ReadText(quote == '"' ? "\"" : "'", false, value);
         }
-        while (!AtEnd() && !IsSpace(At(position_)) && At(position_) != '/' && At(position_) != '>') {
+        while (!AtEnd() && !IsSpace(At(position_)) && At(position_) != '/' &&
+               At(position_) != '>') {
             if (At(position_) == '"' || At(position_) == '\'') return false;
             if (value != nullptr) *value += text_[position_];
             ++position_;
@@ -212,7 +217,8 @@ class XmlWalk {
     bool ReadEndTag() {
         const Name name = open_.back();
         position_ += 2;
-        if (text_.compare(position_, name.length, text_, name.start, name.length) != 0) return false;
+        if (text_.compare(position_, name.length, text_, name.start, name.length) != 0)
+            return false;
         position_ += name.length;
         if (!SkipSpace() || At(position_) != '>') return false;
         ++position_;
@@ -255,7 +261,9 @@ class XmlWalk {
 
 }  // namespace
 
-XmlExtent MeasureXml(const std::string& text) { return XmlWalk(text).Run(); }
+XmlExtent MeasureXml(const std::string& text) {
+    return XmlWalk(text).Run();
+}
 
 const char* CheckXmlLimits(const std::string& text) {
     const XmlExtent extent = MeasureXml(text);

@@ -148,10 +148,11 @@ void PluginCoordinator::FindPluginChangedInConfig(const PluginConfigList& curren
             added.push_back(item);
         } else if (found->second->file_path != item.file_path) {
             // Kept: the plug-in stays registered with its old module.
-            LOG_FORMAT(kWarning,
-                       "config file changed, but not fkey, fkey {0}, cur file path {1}, cached file "
-                       "path {2}",
-                       item.fkey, item.file_path, found->second->file_path);
+            LOG_FORMAT(
+                kWarning,
+                "config file changed, but not fkey, fkey {0}, cur file path {1}, cached file "
+                "path {2}",
+                item.fkey, item.file_path, found->second->file_path);
         }
     }
     for (const PluginConfigItem& item : cached) {
@@ -209,8 +210,8 @@ void PluginCoordinator::AppendMappedFkeys(const PluginConfigItem& item, PluginCo
     if (const int failure = provider_.GetPluginMapFkeys(item.fkey, nullptr, &announced))
         LOG_FORMAT(kError, "get plugin map fkeys failed {0}/{0:X}, fkey {1} ", failure, item.fkey);
     if (announced < 1) return;
-    const auto entries = std::unique_ptr<FkeyEntry, FreeMemory>(static_cast<FkeyEntry*>(
-        std::calloc(static_cast<size_t>(announced), sizeof(FkeyEntry))));
+    const auto entries = std::unique_ptr<FkeyEntry, FreeMemory>(
+        static_cast<FkeyEntry*>(std::calloc(static_cast<size_t>(announced), sizeof(FkeyEntry))));
     if (entries == nullptr) {
         const int failure = VESSA_ERR_OUT_OF_MEMORY;
         LOG_FORMAT(kError, "get plugin map fkeys failed {0}/{0:X}, fkey {1} ", failure, item.fkey);

@@ -27,10 +27,16 @@ struct DirectoryCloser {
 };
 
 // A folder name with a backslash cannot be written in the library's path form.
-bool CanBeExpressed(const char* name) { return std::strchr(name, '\\') == nullptr; }
+bool CanBeExpressed(const char* name) {
+    return std::strchr(name, '\\') == nullptr;
+}
 
-bool IsOwnName(const char* name) { return std::strcmp(name, ".") == 0; }
-bool IsParentName(const char* name) { return std::strcmp(name, "..") == 0; }
+bool IsOwnName(const char* name) {
+    return std::strcmp(name, ".") == 0;
+}
+bool IsParentName(const char* name) {
+    return std::strcmp(name, "..") == 0;
+}
 
 }  // namespace
 

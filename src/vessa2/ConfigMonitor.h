@@ -23,7 +23,7 @@ class ConfigMonitor {
   public:
     // One list file that a scan found.
     struct FileInfo {
-        std::string path;  // normalised
+        std::string path;    // normalised
         uint64_t stamp = 0;  // changes whenever the file is rewritten
     };
 

@@ -98,10 +98,11 @@ int DelayLoadPlugin::UnloadToLoader() {
 int DelayLoadPlugin::Unload() {
     const int32_t instances = instance_counter_.Get();
     if (instances > 0)
-        LOG_FORMAT(kWarning,
-                   "some plugin instance not destroyed before unload plugin, plugin instance number "
-                   "{0}",
-                   instances);
+        LOG_FORMAT(
+            kWarning,
+            "some plugin instance not destroyed before unload plugin, plugin instance number "
+            "{0}",
+            instances);
     return UnloadPlugin();
 }
 
@@ -125,7 +126,8 @@ int DelayLoadPlugin::CreateInstance(const std::string& fkey, void*& instance, in
     void* created = nullptr;
     plugin_error = plugin->CreateInstance(fkey, created);
     if (plugin_error != 0) {
-        LOG_FORMAT(kError, "create plugin instance failed {0}/{0:X}, plugin {1}, plugin file path {2}",
+        LOG_FORMAT(kError,
+                   "create plugin instance failed {0}/{0:X}, plugin {1}, plugin file path {2}",
                    plugin_error, plugin, file_path_);
         return VESSA_FAILED;
     }
@@ -183,10 +185,11 @@ int DelayLoadPlugin::QueryInterface(void* instance, const std::string& ikey, voi
         return VESSA_FAILED;
     }
     iface = found;
-    LOG_FORMAT(kDebug,
-               "query plugin interface succeeded, interface {0}, instance {1}, ikey {2}, plugin {3}, "
-               "plugin file path {4}",
-               iface, instance, ikey, plugin, file_path_);
+    LOG_FORMAT(
+        kDebug,
+        "query plugin interface succeeded, interface {0}, instance {1}, ikey {2}, plugin {3}, "
+        "plugin file path {4}",
+        iface, instance, ikey, plugin, file_path_);
     return VESSA_OK;
 }
 

@@ -107,9 +107,13 @@ LifeCycle::LifeCycle() : process_id_(process::ProcessId()) {
     if (TOVA_MutexCreate(&global_mutex_, 0) != 0) throw std::bad_alloc();
 }
 
-LifeCycle::~LifeCycle() { TOVA_MutexDestroy(&global_mutex_); }
+LifeCycle::~LifeCycle() {
+    TOVA_MutexDestroy(&global_mutex_);
+}
 
-LifeCycle* LifeCycle::Get() { return the_life_cycle.load(); }
+LifeCycle* LifeCycle::Get() {
+    return the_life_cycle.load();
+}
 
 LifeCycle::State LifeCycle::Read() const {
     const int32_t word = word_.Get();
@@ -123,9 +127,13 @@ bool LifeCycle::Change(State from, State to) {
 
 // Only plug-in calls, and stops that were put off by one, go without the global mutex; they wait
 // for nobody who waits here.
-void LifeCycle::WaitForChange() { phase_ended_.TimedWait(kPhaseSliceMs); }
+void LifeCycle::WaitForChange() {
+    phase_ended_.TimedWait(kPhaseSliceMs);
+}
 
-int LifeCycle::Init() { return ThreadScope::InPluginCall() ? InitInside() : InitOutside(); }
+int LifeCycle::Init() {
+    return ThreadScope::InPluginCall() ? InitInside() : InitOutside();
+}
 
 void LifeCycle::Uninit() {
     if (ThreadScope::InPluginCall())
@@ -275,8 +283,7 @@ void LifeCycle::LeaveProcess() {
     // A forked child has neither the thread nor the locks that its threads held.
     if (process::ProcessId() != process_id_.load()) return;
     const bool inside = ThreadScope::Current() != nullptr;
-    if (!inside && Read().phase == kIdle)
-        coordinator_.AskToEnd(kLeaveWaitMs);
+    if (!inside && Read().phase == kIdle) coordinator_.AskToEnd(kLeaveWaitMs);
     ReleaseLogger();
 }
 

@@ -80,6 +80,6 @@ class LifeCycle {
     AtomicCounter word_;
     tova_mutex_t global_mutex_ = nullptr;
     TOVA_Sema phase_ended_;
-    void* self_reference_ = nullptr;  // held from a start to the end of its stop
+    void* self_reference_ = nullptr;   // held from a start to the end of its stop
     std::atomic<int32_t> process_id_;  // of the process that loaded the library or started it last
 };

@@ -3,4 +3,6 @@
 #include "common/NormalizePath.h"
 #include "process/Process.h"
 
-std::string GetModuleDirectory() { return FolderOf(NormalizePath(process::ModuleFile())); }
+std::string GetModuleDirectory() {
+    return FolderOf(NormalizePath(process::ModuleFile()));
+}

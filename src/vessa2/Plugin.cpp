@@ -67,7 +67,8 @@ int CheckOperations(void* plugin_handle, const tarnet_export_interface_t2& ops) 
                    "plugin_handle {0:X}",
                    plugin_handle);
     } else if (ops.DestroyInstance == nullptr) {
-        LOG_FORMAT(kError, "no func DestroyInstance in plugin export interface, plugin_handle {0:X}",
+        LOG_FORMAT(kError,
+                   "no func DestroyInstance in plugin export interface, plugin_handle {0:X}",
                    plugin_handle);
     } else if (ops.QueryInterface == nullptr) {
         LOG_FORMAT(kError, "no func QueryInterface in plugin export interface, plugin_handle {0:X}",
@@ -84,7 +85,8 @@ void WarnOfMissingOperations(void* plugin_handle, const tarnet_export_interface_
                    "no func GetAllInterfaceIkeys in plugin export interface, plugin_handle {0:X}",
                    plugin_handle);
     if (ops.GetFileVersion == nullptr)
-        LOG_FORMAT(kWarning, "no func GetFileVersion in plugin export interface, plugin_handle {0:X}",
+        LOG_FORMAT(kWarning,
+                   "no func GetFileVersion in plugin export interface, plugin_handle {0:X}",
                    plugin_handle);
 }
 
@@ -142,8 +144,8 @@ int Plugin::UnloadDso(void* dso_handle) {
     LOG_FORMAT(kInformation, "param dso_handle = {0:X}", dso_handle);
     if (dso_handle == nullptr || TOVA_UnloadDSo(dso_handle) == 0) return VESSA_OK;
     const int error = TOVA_GetSystemLastError();
-    LOG_FORMAT(kError, "TOVA_UnloadDso failed, plugin dso handle {0:X}, error {1}/{1:X}", dso_handle,
-               error);
+    LOG_FORMAT(kError, "TOVA_UnloadDso failed, plugin dso handle {0:X}, error {1}/{1:X}",
+               dso_handle, error);
     return VESSA_ERR_MODULE_UNLOAD;
 }
 
@@ -243,7 +245,8 @@ int Plugin::LoadFirst() {
     dso_handle_.store(handle);
     code = GetPluginOps(handle, operation_record_);
     if (code != VESSA_OK) {
-        LOG_FORMAT(kError, "get plugin ops failed, error {0}/{0:X}, plugin handle {1:X}, filename {2}",
+        LOG_FORMAT(kError,
+                   "get plugin ops failed, error {0}/{0:X}, plugin handle {1:X}, filename {2}",
                    code, handle, filename_);
         return code;
     }
@@ -259,10 +262,11 @@ int Plugin::InitModule() {
         return VESSA_ERR_MODULE_INIT;
     }
     ReadDescription();
-    LOG_FORMAT(kInformation,
-               "load plugin succeeded, plugin handle {0:X}, plugin folder {1}, plugin filename {2}, "
-               "plugin file version {3}, interface ikeys {4}",
-               dso_handle_.load(), folder_path_, filename_, file_version_, interface_ikeys_);
+    LOG_FORMAT(
+        kInformation,
+        "load plugin succeeded, plugin handle {0:X}, plugin folder {1}, plugin filename {2}, "
+        "plugin file version {3}, interface ikeys {4}",
+        dso_handle_.load(), folder_path_, filename_, file_version_, interface_ikeys_);
     return VESSA_OK;
 }
 
@@ -296,12 +300,13 @@ int Plugin::RefuseWhileUnloading() const {
 
 void Plugin::SayLoadDsoFailed(int code) const {
     // Kept: the file name stands in both places.
-    LOG_FORMAT(kError, "load plugin dso failed, error {0}/{0:X}, filename {1}, folder path {1}", code,
-               filename_, folder_path_);
+    LOG_FORMAT(kError, "load plugin dso failed, error {0}/{0:X}, filename {1}, folder path {1}",
+               code, filename_, folder_path_);
 }
 
 void Plugin::SayLoadFailed(int code) const {
-    LOG_FORMAT(kError, "load plugin failed, error {0}/{0:X}, plugin filename {1}, plugin folder path {2}",
+    LOG_FORMAT(kError,
+               "load plugin failed, error {0}/{0:X}, plugin filename {1}, plugin folder path {2}",
                code, filename_, folder_path_);
 }
 

@@ -38,7 +38,9 @@ std::string AttributeText(const TiXmlElement& element, const char* name) {
     return StripBlanks(value != nullptr ? value : "");
 }
 
-bool IsTrue(const char* value) { return std::string(value).compare(0, 4, "true") == 0; }
+bool IsTrue(const char* value) {
+    return std::string(value).compare(0, 4, "true") == 0;
+}
 
 // False: the element declares nothing. delay_load holds the value of the element before it.
 bool ReadItem(const TiXmlElement& element, bool& delay_load, PluginConfigItem& item) {

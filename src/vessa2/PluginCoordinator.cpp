@@ -12,7 +12,9 @@ std::string RegistrationKey(const PluginConfigItem& item) {
     return item.fkey + "_" + item.config_file_path;
 }
 
-bool StartsWith(const std::string& text, const char* prefix) { return text.rfind(prefix, 0) == 0; }
+bool StartsWith(const std::string& text, const char* prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
 
 // A path that begins with "./" or "../" against a folder that ends in "/". Empty when it climbs
 // above the first folder.
@@ -67,7 +69,8 @@ bool PluginCoordinator::Run() {
                    plugin_root_, config_filename_);
         return false;
     }
-    LOG_FORMAT(kInformation, "run PluginCoordinator succeeded, plugin root {0}, config filename {1}",
+    LOG_FORMAT(kInformation,
+               "run PluginCoordinator succeeded, plugin root {0}, config filename {1}",
                plugin_root_, config_filename_);
     return true;
 }
@@ -142,9 +145,10 @@ void PluginCoordinator::UnregisterAll() {
         int failure = 0;
         if (!Contain([&] { failure = provider_.UnregisterPlugin(item.fkey); })) continue;
         if (failure != 0)
-            LOG_FORMAT(kWarning,
-                       "unregister plugin failed {0}/{0:X}, fkey {1}, file path {2}, delay load {3}",
-                       failure, item.fkey, item.file_path, item.delay_load);
+            LOG_FORMAT(
+                kWarning,
+                "unregister plugin failed {0}/{0:X}, fkey {1}, file path {2}, delay load {3}",
+                failure, item.fkey, item.file_path, item.delay_load);
         else
             LOG_FORMAT(kInformation,
                        "unregister plugin succeeded, fkey {0}, file path {1}, delay load {2}",
@@ -198,11 +202,12 @@ void PluginCoordinator::EnterItem(const PluginConfigItem& item) {
     const auto found = registered_.find(key);
     if (found != registered_.end()) {
         const PluginConfigItem& stored = found->second.item;
-        LOG_FORMAT(kWarning,
-                   "plugin config conflict, fkey {0}, file path {1}, config file path {2}, registered "
-                   "fkey {3}, registered file path {4}, config file path {5}",
-                   item.fkey, item.file_path, item.config_file_path, stored.fkey, stored.file_path,
-                   stored.config_file_path);
+        LOG_FORMAT(
+            kWarning,
+            "plugin config conflict, fkey {0}, file path {1}, config file path {2}, registered "
+            "fkey {3}, registered file path {4}, config file path {5}",
+            item.fkey, item.file_path, item.config_file_path, stored.fkey, stored.file_path,
+            stored.config_file_path);
         return;
     }
     const RegisteredRecord record{item, false};
@@ -233,16 +238,18 @@ void PluginCoordinator::RegisterRecord(const std::string& key) {
     const PluginConfigItem item = registered_.at(key).item;
     const int failure = provider_.RegisterPlugin(item.fkey, item.file_path, item.delay_load);
     if (failure != 0) {
-        LOG_FORMAT(kError,
-                   "register plugin failed {0}/{0:X}, fkey {1}, file path {2}, delay load {3}, config "
-                   "file path {4}",
-                   failure, item.fkey, item.file_path, item.delay_load, item.config_file_path);
+        LOG_FORMAT(
+            kError,
+            "register plugin failed {0}/{0:X}, fkey {1}, file path {2}, delay load {3}, config "
+            "file path {4}",
+            failure, item.fkey, item.file_path, item.delay_load, item.config_file_path);
         return;
     }
-    LOG_FORMAT(kInformation,
-               "register plugin succeeded, fkey {0}, file path {1}, delay load {2}, config file path "
-               "{3}",
-               item.fkey, item.file_path, item.delay_load, item.config_file_path);
+    LOG_FORMAT(
+        kInformation,
+        "register plugin succeeded, fkey {0}, file path {1}, delay load {2}, config file path "
+        "{3}",
+        item.fkey, item.file_path, item.delay_load, item.config_file_path);
     const auto record = registered_.find(key);
     if (record != registered_.end()) record->second.registered = true;
     unregistered_.erase(key);
@@ -277,15 +284,17 @@ void PluginCoordinator::UnregisterItem(const PluginConfigItem& listed) {
         const PluginConfigItem& item = taken.mapped().item;
         const int failure = provider_.UnregisterPlugin(item.fkey);
         if (failure != 0)
-            LOG_FORMAT(kError,
-                       "unregister plugin failed {0}/{0:X}, fkey {1}, file path {2}, config file path "
-                       "{3}",
-                       failure, item.fkey, item.file_path, item.config_file_path);
+            LOG_FORMAT(
+                kError,
+                "unregister plugin failed {0}/{0:X}, fkey {1}, file path {2}, config file path "
+                "{3}",
+                failure, item.fkey, item.file_path, item.config_file_path);
         else
-            LOG_FORMAT(kInformation,
-                       "unregister plugin succeeded, fkey {0}, file path {1}, delay load {2}, config "
-                       "file path {3}",
-                       item.fkey, item.file_path, item.delay_load, item.config_file_path);
+            LOG_FORMAT(
+                kInformation,
+                "unregister plugin succeeded, fkey {0}, file path {1}, delay load {2}, config "
+                "file path {3}",
+                item.fkey, item.file_path, item.delay_load, item.config_file_path);
     }
 }
 

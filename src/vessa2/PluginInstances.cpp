@@ -26,7 +26,8 @@ int PluginProvider::CreateInstance(const std::string& fkey, void*& instance, int
         return failure;
     }
     if (instance == nullptr) {
-        LOG_FORMAT(kWarning, "unexpected, plugin return invalid instance, fkey {0}, plugin file path {1}",
+        LOG_FORMAT(kWarning,
+                   "unexpected, plugin return invalid instance, fkey {0}, plugin file path {1}",
                    fkey, data->file_path());
         return VESSA_OK;
     }
@@ -72,7 +73,8 @@ int PluginProvider::KeepInstance(const std::string& fkey, void* instance, const 
             return RefuseInstance(fkey, instance, data, owner, plugin_error);
         }
     }
-    LOG_FORMAT(kDebug, "create plugin instance succeeded, instance {0}, fkey {1}, plugin file path {2}",
+    LOG_FORMAT(kDebug,
+               "create plugin instance succeeded, instance {0}, fkey {1}, plugin file path {2}",
                instance, fkey, data->file_path());
     return VESSA_OK;
 }
@@ -83,15 +85,17 @@ int PluginProvider::RefuseInstance(const std::string& fkey, void* instance,
                                    const PluginDataPtr& data, const PluginDataPtr& owner,
                                    int& plugin_error) {
     if (owner.IsNull())
-        LOG_FORMAT(kError,
-                   "plugin instance conflict, and plguin instance collection contains invalid plugin "
-                   "ptr, instance {0}, fkey {1}, plugin file path {2}",
-                   instance, fkey, data->file_path());
+        LOG_FORMAT(
+            kError,
+            "plugin instance conflict, and plguin instance collection contains invalid plugin "
+            "ptr, instance {0}, fkey {1}, plugin file path {2}",
+            instance, fkey, data->file_path());
     else
-        LOG_FORMAT(kError,
-                   "plugin instance conflict, instance {0}, fkey {1}, plugin file path {2}, conflict "
-                   "plugin fkey {3}, file path {4}",
-                   instance, fkey, data->file_path(), owner->fkey(), owner->file_path());
+        LOG_FORMAT(
+            kError,
+            "plugin instance conflict, instance {0}, fkey {1}, plugin file path {2}, conflict "
+            "plugin fkey {3}, file path {4}",
+            instance, fkey, data->file_path(), owner->fkey(), owner->file_path());
     if (const int failure = data->DestroyInstance(instance, plugin_error))  // calls out
         LOG_FORMAT(kWarning,
                    "plugin instance conflict, and destroy instance failed {0}/{0:X}, plugin error "
@@ -117,7 +121,8 @@ int PluginProvider::DestroyInstance(void* instance, int& plugin_error) {
         return failure;
     }
     if (!data->IsDueForUnload()) {
-        LOG_FORMAT(kDebug, "destroy instance succeeded, instance {0}, fkey {1}, plugin file path {2}",
+        LOG_FORMAT(kDebug,
+                   "destroy instance succeeded, instance {0}, fkey {1}, plugin file path {2}",
                    instance, data->fkey(), data->file_path());
         return VESSA_OK;
     }
@@ -136,22 +141,25 @@ int PluginProvider::TakeInstance(void* instance, PluginDataPtr& data) {
     const auto found = instances_.find(instance);
     if (found == instances_.end()) {
         LOG_FORMAT(kWarning,
-                   "plugin instance collection does not contain the instance, instance {0}", instance);
+                   "plugin instance collection does not contain the instance, instance {0}",
+                   instance);
         return VESSA_ERR_ARGUMENT;
     }
     if (found->second.IsNull()) {
         instances_.erase(found);
-        LOG_FORMAT(kWarning,
-                   "unexpected, plugin instance collection contains invalid plugin ptr, the instance "
-                   "is erase, and ignored, instance {0}",
-                   instance);
+        LOG_FORMAT(
+            kWarning,
+            "unexpected, plugin instance collection contains invalid plugin ptr, the instance "
+            "is erase, and ignored, instance {0}",
+            instance);
         return VESSA_OK;
     }
     data = found->second;
     if (data.IsNull()) {
-        LOG_FORMAT(kError,
-                   "PluginDataPtr assign failed, out of memory, instance {0}, fkey {1}, file path {2}",
-                   instance, found->second->fkey(), found->second->file_path());
+        LOG_FORMAT(
+            kError,
+            "PluginDataPtr assign failed, out of memory, instance {0}, fkey {1}, file path {2}",
+            instance, found->second->fkey(), found->second->file_path());
         return VESSA_ERR_OUT_OF_MEMORY;
     }
     instances_.erase(found);
@@ -224,23 +232,26 @@ int PluginProvider::FindInstance(void* instance, const std::string& ikey, Plugin
     TOVA_MutexGuard guard(instance_mutex_);
     const auto found = instances_.find(instance);
     if (found == instances_.end()) {
-        LOG_FORMAT(kWarning,
-                   "plugin instance collection does not contain the instance, instance {0}, ikey {1}",
-                   instance, ikey);
+        LOG_FORMAT(
+            kWarning,
+            "plugin instance collection does not contain the instance, instance {0}, ikey {1}",
+            instance, ikey);
         return VESSA_ERR_ARGUMENT;
     }
     if (found->second.IsNull()) {
-        LOG_FORMAT(kWarning,
-                   "unexpected, plugin instance collection contains invalid plugin ptr, instance {0}, "
-                   "ikey {1}",
-                   instance, ikey);
+        LOG_FORMAT(
+            kWarning,
+            "unexpected, plugin instance collection contains invalid plugin ptr, instance {0}, "
+            "ikey {1}",
+            instance, ikey);
         return VESSA_FAILED;
     }
     data = found->second;
     if (data.IsNull()) {
-        LOG_FORMAT(kError,
-                   "PluginDataPtr assign failed, out of memory, instance {0}, fkey {1}, file path {2}",
-                   instance, found->second->fkey(), found->second->file_path());
+        LOG_FORMAT(
+            kError,
+            "PluginDataPtr assign failed, out of memory, instance {0}, fkey {1}, file path {2}",
+            instance, found->second->fkey(), found->second->file_path());
         return VESSA_ERR_OUT_OF_MEMORY;
     }
     return VESSA_OK;

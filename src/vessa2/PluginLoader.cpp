@@ -95,7 +95,8 @@ int PluginLoader::Acquire(const std::string& file_path, Plugin*& plugin) {
     TOVA_MutexGuard guard(mutex_);
     auto found = collection_.find(filename);
     if (found != collection_.end() && found->second == nullptr) {
-        LOG_FORMAT(kWarning, "unexpected, plugin collection contains NULL pointer, plugin filename {0}",
+        LOG_FORMAT(kWarning,
+                   "unexpected, plugin collection contains NULL pointer, plugin filename {0}",
                    filename);
         collection_.erase(found);
         found = collection_.end();
@@ -172,17 +173,19 @@ int PluginLoader::CheckHeld(const Plugin* plugin) {
         return VESSA_FAILED;
     }
     if (found->second == nullptr) {
-        LOG_FORMAT(kError,
-                   "unexpected, plugin collection contains NULL pointer, plugin filename {0}, plugin "
-                   "{1}",
-                   filename, plugin);
+        LOG_FORMAT(
+            kError,
+            "unexpected, plugin collection contains NULL pointer, plugin filename {0}, plugin "
+            "{1}",
+            filename, plugin);
         return VESSA_FAILED;
     }
     if (found->second != plugin) {
-        LOG_FORMAT(kError,
-                   "unexpected, plugin not matched, param plugin {0}, collection contains {1}, plugin "
-                   "filename {2}",
-                   plugin, found->second, filename);
+        LOG_FORMAT(
+            kError,
+            "unexpected, plugin not matched, param plugin {0}, collection contains {1}, plugin "
+            "filename {2}",
+            plugin, found->second, filename);
         return VESSA_FAILED;
     }
     return VESSA_OK;

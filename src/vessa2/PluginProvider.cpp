@@ -130,25 +130,28 @@ int PluginProvider::CheckEntry(const std::string& key, const PluginDataPtr& entr
     const std::string registered_path = entry.IsNull() ? std::string() : entry->file_path();
     if (fkey == key) {
         if (file_path != registered_path) {
-            LOG_FORMAT(kError,
-                       "plugin conflict, plugin fkey already exists, fkey {0}, param file_path {1}, "
-                       "registered plugin file path {2}",
-                       fkey, file_path, registered_path);
+            LOG_FORMAT(
+                kError,
+                "plugin conflict, plugin fkey already exists, fkey {0}, param file_path {1}, "
+                "registered plugin file path {2}",
+                fkey, file_path, registered_path);
             return VESSA_ERR_PLUGIN_CONFLICT;
         }
         if (!entry.IsNull() && entry->IsUnregistered())
-            LOG_FORMAT(kWarning,
-                       "plugin already unregistered, but not unload yet, now register again, plugin "
-                       "fkey {0}, file path {1}",
-                       fkey, file_path);
+            LOG_FORMAT(
+                kWarning,
+                "plugin already unregistered, but not unload yet, now register again, plugin "
+                "fkey {0}, file path {1}",
+                fkey, file_path);
         return VESSA_OK;
     }
     if (entry.IsNull()) return VESSA_OK;
     if (file_path == registered_path) {
-        LOG_FORMAT(kWarning,
-                   "the same plugin file path, different plugin filenames, fkey {0}, registered fkey "
-                   "{1}, plugin file path {2}",
-                   fkey, key, file_path);
+        LOG_FORMAT(
+            kWarning,
+            "the same plugin file path, different plugin filenames, fkey {0}, registered fkey "
+            "{1}, plugin file path {2}",
+            fkey, key, file_path);
         return VESSA_OK;
     }
     LOG_FORMAT(kError,
@@ -160,8 +163,7 @@ int PluginProvider::CheckEntry(const std::string& key, const PluginDataPtr& entr
 
 // Finds the key's record or enters a new one.
 int PluginProvider::EnterRecord(const std::string& fkey, const std::string& file_path,
-                                const std::string& filename, bool delay_load,
-                                PluginDataPtr& data) {
+                                const std::string& filename, bool delay_load, PluginDataPtr& data) {
     const auto found = collection_.find(fkey);
     if (found != collection_.end() && !found->second.IsNull()) {
         data = found->second;

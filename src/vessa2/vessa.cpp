@@ -13,14 +13,14 @@
 #include "vessa2/LifeCycle.h"
 
 // Ends the try block of an export.
-#define VESSA_RESULTS_OF_EXCEPTIONS     \
-    catch (const std::bad_alloc&) {     \
-        return VESSA_ERR_OUT_OF_MEMORY; \
-    }                                   \
-    catch (...) {                       \
-        LetForcedUnwindingPass();       \
-        return VESSA_FAILED;            \
-    }
+#define VESSA_RESULTS_OF_EXCEPTIONS \
+  catch (const std::bad_alloc&) {   \
+    return VESSA_ERR_OUT_OF_MEMORY; \
+  }                                 \
+  catch (...) {                     \
+    LetForcedUnwindingPass();       \
+    return VESSA_FAILED;            \
+  }
 
 namespace {
 
@@ -65,9 +65,10 @@ void VESSA_Uninit(void) {
 
 int VESSA_CreateInstance(const char* fkey, void** instance, int* plugin_error) {
     try {
-        LOG_FORMAT(kDebug,
-                   "invoke create plugin instance, param fkey = {0}, instance {1}, plugin_error {2}",
-                   fkey, instance, plugin_error);
+        LOG_FORMAT(
+            kDebug,
+            "invoke create plugin instance, param fkey = {0}, instance {1}, plugin_error {2}", fkey,
+            instance, plugin_error);
         StoreIfGiven<void*>(instance, nullptr);
         StoreIfGiven(plugin_error, 0);
         if (fkey == nullptr) return REFUSE_ARGUMENT("param fkey should not be NULL");
@@ -96,9 +97,8 @@ int VESSA_CreateInstance(const char* fkey, void** instance, int* plugin_error) {
 
 int VESSA_DestroyInstance(void* instance, int* plugin_error) {
     try {
-        LOG_FORMAT(kDebug,
-                   "invoke destroy plugin instance, param instance = {0}, plugin_error {1}", instance,
-                   plugin_error);
+        LOG_FORMAT(kDebug, "invoke destroy plugin instance, param instance = {0}, plugin_error {1}",
+                   instance, plugin_error);
         StoreIfGiven(plugin_error, 0);
         if (instance == nullptr)
             return REFUSE_ARGUMENT("param instance should not be invalid handle");
@@ -180,7 +180,8 @@ int VESSA_QueryConfigAttribute(const char* fkey, const char* attribute_name, cha
         const auto length = static_cast<unsigned int>(found->second.size());
         if (value != nullptr) {
             if (length > *value_len) {
-                LOG_PLAIN(kError, "attribute value buffer is not enough, fkey[0], attribute_name[1]");
+                LOG_PLAIN(kError,
+                          "attribute value buffer is not enough, fkey[0], attribute_name[1]");
                 *value_len = length;
                 return VESSA_ERR_BUFFER_TOO_SMALL;
             }

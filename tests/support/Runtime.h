@@ -19,10 +19,10 @@ namespace vessa_test {
   X(Fini)                                                                                          \
   X(MutexCreate)                                                                                   \
   X(MutexDestroy)                                                                                  \
-  X(MutexLock) X(MutexUnlock) X(SemCreate) X(SemDestroy) X(SemPost) X(SemWait) X(SemTimedWait)     \
-      X(Thread_Create) X(Thread_Wait) X(AtomicAdd) X(AtomicCas) X(LoadDSo) X(GetDsoSym)            \
-          X(UnloadDSo) X(AccessFile) X(GetSystemLastError) X(OpenDir) X(FindFileInDir) X(CloseDir) \
-              X(Strncpy)
+  X(MutexLock)                                                                                     \
+  X(MutexUnlock) X(SemCreate) X(SemDestroy) X(SemPost) X(SemWait) X(SemTimedWait) X(Thread_Create) \
+      X(Thread_Wait) X(AtomicAdd) X(AtomicCas) X(LoadDSo) X(GetDsoSym) X(UnloadDSo) X(AccessFile)  \
+          X(GetSystemLastError) X(OpenDir) X(FindFileInDir) X(CloseDir) X(Strncpy)
 
 enum class Tova {
 #define VESSA_TEST_TOVA_ENUMERATOR(name) name,

@@ -22,7 +22,9 @@ struct EndOfProcess {
     ~EndOfProcess() { process_is_ending = true; }
 };
 
-__attribute__((destructor)) void NoteFinalisation() { being_unloaded = !process_is_ending; }
+__attribute__((destructor)) void NoteFinalisation() {
+    being_unloaded = !process_is_ending;
+}
 
 struct ThreadKey {
     pthread_key_t key = 0;
@@ -45,7 +47,9 @@ __attribute__((constructor)) void KeepWorkingFolder() {
         working_folder_at_load[0] = '\0';
 }
 
-const void* OwnAddress() { return static_cast<const void*>(working_folder_at_load); }
+const void* OwnAddress() {
+    return static_cast<const void*>(working_folder_at_load);
+}
 
 }  // namespace
 
@@ -85,9 +89,13 @@ void ReleaseSelf(void* reference) {
     if (reference != nullptr) dlclose(reference);
 }
 
-bool BeingUnloaded() { return being_unloaded; }
+bool BeingUnloaded() {
+    return being_unloaded;
+}
 
-int32_t ProcessId() { return static_cast<int32_t>(getpid()); }
+int32_t ProcessId() {
+    return static_cast<int32_t>(getpid());
+}
 
 FILE* OpenRegularFile(const char* path) {
     const int file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -113,8 +121,14 @@ int64_t SeekToEnd(FILE* file) {
     return static_cast<int64_t>(ftello(file));
 }
 
-void SetErrorFileTooLarge() { errno = EFBIG; }
-void SetErrorFileChanged() { errno = EBUSY; }
-void SetErrorTooManyFolders() { errno = ELOOP; }
+void SetErrorFileTooLarge() {
+    errno = EFBIG;
+}
+void SetErrorFileChanged() {
+    errno = EBUSY;
+}
+void SetErrorTooManyFolders() {
+    errno = ELOOP;
+}
 
 }  // namespace process

@@ -176,7 +176,7 @@ std::string MaskBytes() {
 #if defined(__clang__)
 #  if __has_feature(thread_sanitizer)
 #    define SKIP_IF_CONDITIONS_ARE_THE_SANITIZERS() \
-        GTEST_SKIP() << "the stand-ins hide clang's thread sanitizer's own functions"
+      GTEST_SKIP() << "the stand-ins hide clang's thread sanitizer's own functions"
 #  endif
 #endif
 #ifndef SKIP_IF_CONDITIONS_ARE_THE_SANITIZERS
