@@ -106,6 +106,15 @@ int DelayLoadPlugin::Unload() {
     return UnloadPlugin();
 }
 
+// The module for an instance operation; null, with the reason in the log, without one.
+Plugin* DelayLoadPlugin::RequirePlugin() const {
+    Plugin* const plugin = plugin_.load();
+    if (plugin == nullptr)
+        LOG_FORMAT(kError, "unexpected, plugin_ should not be NULL, plugin file path {0}",
+                   file_path_);
+    return plugin;
+}
+
 int DelayLoadPlugin::CreateInstance(const std::string& fkey, void*& instance, int& plugin_error) {
     instance = nullptr;
     plugin_error = 0;
@@ -117,12 +126,8 @@ int DelayLoadPlugin::CreateInstance(const std::string& fkey, void*& instance, in
             return code;
         }
     }
-    Plugin* const plugin = plugin_.load();
-    if (plugin == nullptr) {
-        LOG_FORMAT(kError, "unexpected, plugin_ should not be NULL, plugin file path {0}",
-                   file_path_);
-        return VESSA_FAILED;
-    }
+    Plugin* const plugin = RequirePlugin();
+    if (plugin == nullptr) return VESSA_FAILED;
     void* created = nullptr;
     plugin_error = plugin->CreateInstance(fkey, created);
     if (plugin_error != 0) {
@@ -143,12 +148,8 @@ int DelayLoadPlugin::CreateInstance(const std::string& fkey, void*& instance, in
 int DelayLoadPlugin::DestroyInstance(void* instance, int& plugin_error) {
     LOG_FORMAT(kDebug, "param instance = {0}", instance);
     plugin_error = 0;
-    Plugin* const plugin = plugin_.load();
-    if (plugin == nullptr) {
-        LOG_FORMAT(kError, "unexpected, plugin_ should not be NULL, plugin file path {0}",
-                   file_path_);
-        return VESSA_FAILED;
-    }
+    Plugin* const plugin = RequirePlugin();
+    if (plugin == nullptr) return VESSA_FAILED;
     plugin_error = plugin->DestroyInstance(instance);
     if (plugin_error != 0) {
         LOG_FORMAT(kError,
@@ -169,12 +170,8 @@ int DelayLoadPlugin::QueryInterface(void* instance, const std::string& ikey, voi
     LOG_FORMAT(kDebug, "param instance = {0}, ikey = {1}", instance, ikey);
     iface = nullptr;
     plugin_error = 0;
-    Plugin* const plugin = plugin_.load();
-    if (plugin == nullptr) {
-        LOG_FORMAT(kError, "unexpected, plugin_ should not be NULL, plugin file path {0}",
-                   file_path_);
-        return VESSA_FAILED;
-    }
+    Plugin* const plugin = RequirePlugin();
+    if (plugin == nullptr) return VESSA_FAILED;
     void* found = nullptr;
     plugin_error = plugin->QueryInterface(instance, ikey, found);
     if (plugin_error != 0) {
@@ -194,11 +191,7 @@ int DelayLoadPlugin::QueryInterface(void* instance, const std::string& ikey, voi
 }
 
 int DelayLoadPlugin::GetPluginMapFkeys(char (*fkeys)[TARNET_FKEY_SIZE], int* count) {
-    Plugin* const plugin = plugin_.load();
-    if (plugin == nullptr) {
-        LOG_FORMAT(kError, "unexpected, plugin_ should not be NULL, plugin file path {0}",
-                   file_path_);
-        return VESSA_FAILED;
-    }
+    Plugin* const plugin = RequirePlugin();
+    if (plugin == nullptr) return VESSA_FAILED;
     return plugin->GetPluginMapFkeys(fkeys, count);
 }

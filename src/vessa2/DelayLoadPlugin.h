@@ -54,6 +54,7 @@ class DelayLoadPlugin {
     int KeepLoaded(Plugin* plugin);
     int FailLoad(int code);
     int UnloadToLoader();
+    Plugin* RequirePlugin() const;
 
     const std::string fkey_;
     const std::string file_path_;
