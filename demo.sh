@@ -34,7 +34,7 @@ fail() {
 pick_files() {
     local folder here bytes=0
     picked=()
-    for folder in /usr/include /usr/share/doc /usr/share /usr/lib; do
+    for folder in /usr/include /usr/share /usr/lib; do
         [[ -d $folder ]] || continue
         here=$({ find "$folder" -type f -readable -printf '%s\n' 2>/dev/null || true; } |
             awk '{ sum += $1 } END { printf "%.0f", sum }')
