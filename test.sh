@@ -35,7 +35,7 @@ package() {
     echo "== package: install, build against it, run"
     cmake --install build-gcc --prefix "$root/installed" >/dev/null
     cp -r tests/consumer "$root/consumer"
-    cmake -S "$root/consumer" -B "$root/build" -DCMAKE_PREFIX_PATH="$root/installed" >/dev/null
+    cmake -S "$root/consumer" -B "$root/build" -G Ninja -DCMAKE_PREFIX_PATH="$root/installed" >/dev/null
     cmake --build "$root/build" >/dev/null
     ctest --test-dir "$root/build" --output-on-failure
 }
