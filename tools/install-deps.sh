@@ -14,7 +14,8 @@ demo=(
 )
 tests=(
     libgtest-dev libgmock-dev
-    clang lld libclang-rt-14-dev
+    # llvm has the symbolizer: without it the leak check cannot tell whose a block is.
+    clang llvm libclang-rt-14-dev
 )
 
 wanted=("${demo[@]}")
