@@ -82,6 +82,29 @@ TEST_F(NestedLoad, OfAModulesOwnKeyFallsWithItsFailingInit) {
     EXPECT_EQ(hook.Count("a", "Unload"), 2);
 }
 
+TEST_F(NestedLoad, OfAModulesOwnKeyInItsEntryFallsWithTheFailingInit) {
+    const std::string path = Module("good_v2", "a.so");
+    ModuleHook hook;
+    DelayLoadPlugin record("k", path, true);
+    hook.On("a", "Entry", [&](ModuleCall& call) {
+        if (call.index > 1) return;
+        // There is no table yet to create with.
+        int own_error = 0;
+        EXPECT_EQ(record.CreateInstance("k", nested, own_error), VESSA_FAILED);
+        EXPECT_NE(record.state(), DelayLoadPlugin::kLoaded) << "for other threads to use";
+    });
+    hook.On("a", "Init", [](ModuleCall& call) {
+        if (call.index == 1) call.Return(7);
+    });
+    EXPECT_EQ(record.CreateInstance("k", instance, error), VESSA_ERR_MODULE_INIT);
+    EXPECT_EQ(record.state(), DelayLoadPlugin::kNotLoaded);
+    ASSERT_EQ(record.CreateInstance("k", instance, error), VESSA_OK);
+    EXPECT_EQ(References("a.so"), 1);
+    EXPECT_EQ(record.DestroyInstance(instance, error), VESSA_OK);
+    EXPECT_EQ(record.Unload(), VESSA_OK);
+    EXPECT_EQ(hook.Count("a", "Unload"), 2);
+}
+
 TEST_F(NestedLoad, InstanceThatOutlivesItsFailedInitIsRefusedAndDoesNotCrash) {
     const std::string path = Module("good_v2", "a.so");
     ModuleHook hook;
