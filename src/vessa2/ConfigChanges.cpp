@@ -65,7 +65,7 @@ void PluginCoordinator::CollectChange(const ConfigMonitor::NotifyInfo& change,
                                       PluginConfigList& to_register,
                                       PluginConfigList& to_unregister) {
     PluginConfigList stored;
-    const bool known = FindStoredList(change.path, &stored);
+    const bool known = FindStoredList(change.path, stored);
     int32_t type = change.notify_type;
     if (!known && type == ConfigMonitor::kDeleted) {
         LOG_FORMAT(kWarning,
@@ -94,12 +94,13 @@ void PluginCoordinator::CollectChange(const ConfigMonitor::NotifyInfo& change,
         config_collection_.erase(change.path);
         return;
     }
-    CollectList(change.path, type, to_register, to_unregister);
+    CollectList(change.path, type, stored, to_register, to_unregister);
 }
 
-// Reads an added or changed list file. What cannot be read leaves everything as it was.
+// Reads an added or changed list file; of an added one nothing is stored. What cannot be read
+// leaves everything as it was.
 void PluginCoordinator::CollectList(const std::string& path, int32_t type,
-                                    PluginConfigList& to_register,
+                                    const PluginConfigList& stored, PluginConfigList& to_register,
                                     PluginConfigList& to_unregister) {
     PluginConfigList current;
     if (!ReadPluginList(path, current)) {
@@ -110,23 +111,17 @@ void PluginCoordinator::CollectList(const std::string& path, int32_t type,
     }
     PluginConfigList added;
     PluginConfigList removed;
-    if (type == ConfigMonitor::kAdded) {
-        added = current;
-    } else {
-        PluginConfigList stored;
-        FindStoredList(path, &stored);
-        FindPluginChangedInConfig(current, stored, added, removed);
-    }
+    FindPluginChangedInConfig(current, stored, added, removed);
     StoreList(path, current);
     to_register.splice(to_register.end(), added);
     to_unregister.splice(to_unregister.end(), removed);
 }
 
-bool PluginCoordinator::FindStoredList(const std::string& path, PluginConfigList* list) {
+bool PluginCoordinator::FindStoredList(const std::string& path, PluginConfigList& list) {
     TOVA_MutexGuard guard(config_mutex_);
     const auto found = config_collection_.find(path);
     if (found == config_collection_.end()) return false;
-    *list = found->second;
+    list = found->second;
     return true;
 }
 

@@ -82,15 +82,15 @@ class PluginCoordinator {
 
     void CollectChange(const ConfigMonitor::NotifyInfo& change, PluginConfigList& to_register,
                        PluginConfigList& to_unregister);
-    void CollectList(const std::string& path, int32_t type, PluginConfigList& to_register,
-                     PluginConfigList& to_unregister);
+    void CollectList(const std::string& path, int32_t type, const PluginConfigList& stored,
+                     PluginConfigList& to_register, PluginConfigList& to_unregister);
     void TakeUpLeftOvers(PluginConfigList& to_register, PluginConfigList& to_unregister)
         REQUIRES(mutex_);
     void ApplyChanges(PluginConfigList& to_register, PluginConfigList& to_unregister)
         REQUIRES(mutex_);
     void AppendMappedFkeys(const PluginConfigItem& item, PluginConfigList& mapped);
 
-    bool FindStoredList(const std::string& path, PluginConfigList* list);
+    bool FindStoredList(const std::string& path, PluginConfigList& list);
     void StoreList(const std::string& path, PluginConfigList& list);
 
     std::string plugin_root_;

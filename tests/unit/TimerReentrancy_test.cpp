@@ -13,46 +13,20 @@
 #include "support/Allocation.h"
 #include "support/Runtime.h"
 #include "support/Sync.h"
+#include "unit/TimerCallback.h"
 
 using vessa_test::AllocationFailure;
 using vessa_test::Barrier;
+using vessa_test::Callback;
 using vessa_test::Gate;
 using vessa_test::JoiningThread;
+using vessa_test::kPeriodMs;
+using vessa_test::NewWatched;
 using vessa_test::Runtime;
 using vessa_test::RuntimeCall;
 using vessa_test::Tova;
 
 namespace {
-
-constexpr unsigned kPeriodMs = 30000;
-
-struct Callback {
-    std::atomic<int> runs{0};
-    std::function<void()> body;
-    std::thread::id thread;
-
-    void Run() {
-        thread = std::this_thread::get_id();
-        ++runs;
-        if (body) body();
-    }
-    ObjectPtrT<Closure> Bound() { return NewClosure(this, &Callback::Run); }
-};
-
-struct Watched final : Closure {
-    explicit Watched(std::atomic<int>& ends) : ends_(ends) {}
-    ~Watched() override { ++ends_; }
-    void Run() override {}
-
-  private:
-    std::atomic<int>& ends_;
-};
-
-ObjectPtrT<Closure> NewWatched(std::atomic<int>& ends) {
-    ObjectPtrT<Closure> closure;
-    closure.Reset(new Watched(ends));
-    return closure;
-}
 
 TEST(TimerReentrancy, StopFromTheCallbackDoesNotJoinItself) {
     const auto before = Runtime::Census();
