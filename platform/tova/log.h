@@ -5,6 +5,12 @@
 
 #include "skrib.h"
 
+#if defined(_MSC_VER) && !defined(__clang__)
+#  define TOVA_FUNCTION_SIGNATURE __FUNCSIG__
+#else
+#  define TOVA_FUNCTION_SIGNATURE __PRETTY_FUNCTION__
+#endif
+
 namespace tova {
 
 /*

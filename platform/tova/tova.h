@@ -22,7 +22,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#if defined(_WIN32)
+#if defined(TOVA_API)
+/* The includer defines these functions itself, or says how it finds them. */
+#elif defined(_WIN32)
 #  if defined(TOVA_BUILDING)
 #    define TOVA_API __declspec(dllexport)
 #  else

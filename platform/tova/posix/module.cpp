@@ -28,7 +28,7 @@ void* LoadExamined(const char* path) {
     if (dso != nullptr) return dso;
     const int error = errno != 0 ? errno : ENOEXEC;
     const char* const reason = LoaderText();
-    tova::LogError(__FILE__, __PRETTY_FUNCTION__, __LINE__, [path, reason] {
+    tova::LogError(__FILE__, TOVA_FUNCTION_SIGNATURE, __LINE__, [path, reason] {
         return std::string("module not loaded, path ") + path + ", reason: " + reason;
     });
     errno = error;
@@ -45,7 +45,7 @@ void* TOVA_LoadDSo(const char* path) {
     const tova::CancelGuard guard;
     const tova::ModuleRefusal refusal = tova::ExamineModuleFile(path);
     if (refusal.error != 0) {
-        tova::LogError(__FILE__, __PRETTY_FUNCTION__, __LINE__, [path, &refusal] {
+        tova::LogError(__FILE__, TOVA_FUNCTION_SIGNATURE, __LINE__, [path, &refusal] {
             return std::string("module refused, path ") + path + ", reason: " + Describe(refusal);
         });
         errno = refusal.error;
@@ -85,7 +85,7 @@ int TOVA_UnloadDSo(void* dso) {
     if (dlclose(dso) == 0) return 0;  // calls out
     const int error = errno != 0 ? errno : EINVAL;
     const char* const reason = LoaderText();
-    tova::LogError(__FILE__, __PRETTY_FUNCTION__, __LINE__,
+    tova::LogError(__FILE__, TOVA_FUNCTION_SIGNATURE, __LINE__,
                    [reason] { return std::string("module not unloaded, reason: ") + reason; });
     return tova::Fail(error);
 }
