@@ -101,11 +101,12 @@ class RotatingFile {
   public:
     // Made absolute: the host may change its working folder before the file is opened or
     // rotated.
-    explicit RotatingFile(const char* path) {
-        if (path == nullptr || *path == '\0') return;
+    explicit RotatingFile(const std::string& path) {
+        if (path.empty()) return;
+        const std::filesystem::path given = std::filesystem::u8path(path);
         std::error_code error;
-        path_ = std::filesystem::absolute(path, error).string();
-        if (error) path_ = path;
+        path_ = std::filesystem::absolute(given, error).native();
+        if (error) path_ = given.native();
     }
 
     // Throws when the file fails, then does nothing until it is time to try again.
@@ -144,7 +145,7 @@ class RotatingFile {
         }
     }
 
-    std::string path_;
+    spdlog::filename_t path_;
     std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink_;
     Clock::time_point retry_{};
 };
@@ -188,6 +189,7 @@ class Journal {
 
     Logger* GetLogger(const char* name) {
         Held held(lock_);
+        if (!held) return nullptr;
         Logger& logger = Find(name);
         ++logger.references;
         return &logger;
@@ -195,12 +197,13 @@ class Journal {
 
     void ReleaseLogger(Logger* logger) {
         Held held(lock_);
-        if (logger->references == 0 || --logger->references != 0) return;
+        if (!held || logger->references == 0 || --logger->references != 0) return;
         ToFile([this]() SKRIB_REQUIRES(lock_) { file_.Flush(); });
     }
 
     void SetThreshold(const char* name, int level) {
         Held held(lock_);
+        if (!held) return;
         if (name != nullptr) {
             Find(name).threshold.store(level, std::memory_order_relaxed);
             return;
@@ -215,6 +218,7 @@ class Journal {
         Call call;
         {
             Held held(lock_);
+            if (!held) return;
             call.thread = spdlog::details::os::thread_id();
             // A receiver that logs must not be called for its own records without end.
             if (receiver_.function == nullptr || IsInside(call.thread)) {
@@ -234,6 +238,7 @@ class Journal {
     void SetReceiver(Receiver receiver) {
         const std::size_t thread = spdlog::details::os::thread_id();
         Held held(lock_);
+        if (!held) return;
         receiver_ = receiver;
         const std::uint64_t era = ++era_;
         // Also inside another receiver than the last one: two threads that replace each
@@ -255,10 +260,11 @@ class Journal {
         Call& call_;
     };
 
-    Journal() : file_(Environment("SKRIB_FILE")) {
+    Journal() : file_(Environment("SKRIB_FILE").value_or(std::string())) {
+        StayLoaded();
         stderr_.set_formatter(MakeFormatter());
-        const char* levels = Environment("SKRIB_LEVEL");
-        if (levels != nullptr && !Trimmed(levels).empty()) ReadLevels(levels);
+        const std::string levels = Environment("SKRIB_LEVEL").value_or(std::string());
+        if (!Trimmed(levels).empty()) ReadLevels(levels);
     }
 
     void ReadLevels(std::string_view list) SKRIB_REQUIRES(lock_) {
@@ -320,6 +326,7 @@ class Journal {
     }
 
     void Leave(Call& call) {
+        // Without the lock only at the end of the process, when nobody else is left.
         Held held(lock_);
         Call** link = &calls_;
         while (*link != &call) link = &(*link)->next;

@@ -9,12 +9,16 @@
 
 #if defined(_WIN32)
 #  include <windows.h>
+
+#  include "win32/Wide.h"
 #else
 #  include <pthread.h>
 #endif
 
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
+#include <string>
 
 #if defined(__clang__)
 #  define SKRIB_ATTRIBUTE(x) __attribute__((x))
@@ -40,8 +44,12 @@ class SKRIB_ATTRIBUTE(capability("mutex")) Lock {
     Lock() {
         InitializeCriticalSection(&mutex_);
     }
-    void Acquire() SKRIB_ATTRIBUTE(acquire_capability()) {
+    // False: its holder went with the process that is ending, and so it cannot be had.
+    bool Acquire() SKRIB_ATTRIBUTE(acquire_capability()) {
+        if (TryEnterCriticalSection(&mutex_)) return true;
+        if (win32::ProcessIsEnding()) return false;
         EnterCriticalSection(&mutex_);
+        return true;
     }
     void Release() SKRIB_ATTRIBUTE(release_capability()) {
         LeaveCriticalSection(&mutex_);
@@ -64,8 +72,8 @@ class SKRIB_ATTRIBUTE(capability("mutex")) Lock {
         pthread_mutex_init(&mutex_, &attributes);
         pthread_mutexattr_destroy(&attributes);
     }
-    void Acquire() SKRIB_ATTRIBUTE(acquire_capability()) {
-        pthread_mutex_lock(&mutex_);
+    bool Acquire() SKRIB_ATTRIBUTE(acquire_capability()) {
+        return pthread_mutex_lock(&mutex_) == 0;
     }
     void Release() SKRIB_ATTRIBUTE(release_capability()) {
         pthread_mutex_unlock(&mutex_);
@@ -94,10 +102,10 @@ class SKRIB_ATTRIBUTE(scoped_lockable) Held {
 #if !defined(_WIN32)
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
 #endif
-        lock_.Acquire();
+        held_ = lock_.Acquire();
     }
     ~Held() SKRIB_ATTRIBUTE(release_capability()) {
-        lock_.Release();
+        if (held_) lock_.Release();
 #if !defined(_WIN32)
         pthread_setcancelstate(cancel_state_, nullptr);
 #endif
@@ -105,8 +113,14 @@ class SKRIB_ATTRIBUTE(scoped_lockable) Held {
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
 
+    // False at the end of a process, when what the lock guards was left half way for good.
+    explicit operator bool() const {
+        return held_;
+    }
+
   private:
     Lock& lock_;
+    bool held_ = false;
 #if !defined(_WIN32)
     int cancel_state_ = PTHREAD_CANCEL_ENABLE;
 #endif
@@ -137,13 +151,33 @@ class LastErrorKept {
     int errno_ = errno;
 };
 
-// Null where the variable is not set, and in a program that runs with more rights than its
-// user has: it must not write files where the user says.
-inline const char* Environment(const char* name) {
+// In UTF-8 on Windows. Nothing where the variable is not set, and in a program that runs with more
+// rights than its user has: it must not write files where the user says.
+inline std::optional<std::string> Environment(const char* name) {
 #if defined(_WIN32)
-    return std::getenv(name);
+    const std::wstring wide_name(name, name + std::char_traits<char>::length(name));
+    const DWORD size = GetEnvironmentVariableW(wide_name.c_str(), nullptr, 0);
+    std::wstring value(size, L'\0');
+    std::string text;
+    if (size == 0 || GetEnvironmentVariableW(wide_name.c_str(), value.data(), size) >= size ||
+        !win32::Narrow(value.c_str(), text))
+        return std::nullopt;
+    return text;
 #else
-    return secure_getenv(name);
+    const char* const value = secure_getenv(name);
+    if (value == nullptr) return std::nullopt;
+    return value;
+#endif
+}
+
+// Handles and the receiver outlive every unload of whoever uses them, so does the code. Where
+// nothing is done here the linker has said so.
+inline void StayLoaded() {
+#if defined(_WIN32)
+    static const char anchor = 0;
+    HMODULE own = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_PIN,
+                       reinterpret_cast<LPCWSTR>(&anchor), &own);
 #endif
 }
 
