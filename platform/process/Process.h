@@ -28,6 +28,9 @@ void ReleaseSelf(void* reference);
 // True during the destruction of global objects when it is the library that goes away, not
 // the process: nobody can come any more then.
 bool BeingUnloaded();
+// True during the destruction of global objects where the system has ended every other thread
+// before it: nobody answers any more, and whatever they held stays held.
+bool OtherThreadsAreGone();
 
 int32_t ProcessId();
 

@@ -283,7 +283,8 @@ void LifeCycle::LeaveProcess() {
     // A forked child has neither the thread nor the locks that its threads held.
     if (process::ProcessId() != process_id_.load()) return;
     const bool inside = ThreadScope::Current() != nullptr;
-    if (!inside && Read().phase == kIdle) coordinator_.AskToEnd(kLeaveWaitMs);
+    if (!inside && !process::OtherThreadsAreGone() && Read().phase == kIdle)
+        coordinator_.AskToEnd(kLeaveWaitMs);
     ReleaseLogger();
 }
 

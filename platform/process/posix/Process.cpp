@@ -93,6 +93,10 @@ bool BeingUnloaded() {
     return being_unloaded;
 }
 
+bool OtherThreadsAreGone() {
+    return false;
+}
+
 int32_t ProcessId() {
     return static_cast<int32_t>(getpid());
 }
