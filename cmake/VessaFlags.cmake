@@ -1,9 +1,22 @@
 # The interface target vessa_flags: warnings, sanitizers and the form of source paths in log
 # records (from the project's root, whatever machine built them).
 add_library(vessa_flags INTERFACE)
+if(MSVC)
+  target_compile_options(vessa_flags INTERFACE
+    /W4 /utf-8 /permissive- /Zc:__cplusplus /d1trimfile:${PROJECT_SOURCE_DIR}/)
+  target_compile_definitions(vessa_flags INTERFACE _CRT_SECURE_NO_WARNINGS NOMINMAX)
+  if(VESSA_WERROR)
+    target_compile_options(vessa_flags INTERFACE /WX)
+  endif()
+  return()
+endif()
 target_compile_options(vessa_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion
   -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(MINGW)
+  # For the linker to leave out what nobody calls.
+  target_compile_options(vessa_flags INTERFACE -ffunction-sections -fdata-sections)
+endif()
 if(VESSA_WERROR)
   target_compile_options(vessa_flags INTERFACE -Werror)
 endif()
