@@ -49,6 +49,11 @@
  * On Linux modules are bound at once and locally: a missing symbol fails the load, and the
  * entry must be defined by the module itself, not by a library that it links. Build with
  * -fno-gnu-unique, otherwise the system may keep the module mapped after its unload.
+ *
+ * On Windows the libraries that a module needs are looked for beside it and among the system's
+ * own, never in the current folder or along PATH. The entry may also be exported under the name
+ * that a 32-bit __stdcall function has ("_TARNET_GetPluginInterface_V2@0"). A loaded module can
+ * be renamed but not written over. DllMain counts as a constructor of global objects.
  */
 #ifndef VESSA_TARNET_H
 #define VESSA_TARNET_H

@@ -14,7 +14,8 @@
  *     load and the unload of the library, several at once.
  *  2. Plug-in calls. [plug-in] a plug-in module may call every function from inside every
  *     operation of its table. It must not call any of them from its constructors and
- *     destructors of global objects: those run under the system loader's lock.
+ *     destructors of global objects: those run under the system loader's lock. So does DllMain
+ *     on Windows, of the application's libraries too.
  *     The log's receiver (SKRIB_SetSink) must not call any of them.
  *  3. Results. A function with a result returns VESSA_OK or one of the codes of
  *     VESSA_RESULT_LIST; no other number is ever returned. No C++ exception leaves a function.
