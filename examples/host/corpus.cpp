@@ -29,7 +29,7 @@ bool Readable(const fs::path& file) {
 
 std::vector<fs::path> FilesOf(const std::string& argument) {
     std::error_code error;
-    const fs::path path = fs::canonical(argument, error);
+    const fs::path path = fs::canonical(fs::u8path(argument), error);
     if (error) throw std::runtime_error(fmt::format("{}: {}", argument, error.message()));
     if (fs::is_directory(path)) return FilesIn(path);
     if (!fs::is_regular_file(path)) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "host/arguments.h"
 #include "host/codecs.h"
 #include "host/corpus.h"
 #include "host/progress.h"
@@ -179,7 +180,15 @@ int main(int argc, char** argv) {
         "bytes.",
         "vessa_demo"};
     Declare(app, options);
-    CLI11_PARSE(app, argc, argv);
+    // A path that begins with "/" is no option, on any system.
+    app.allow_windows_style_options(false);
+    std::vector<std::string> arguments = host::Arguments(argc, argv);
+    std::reverse(arguments.begin(), arguments.end());
+    try {
+        app.parse(std::move(arguments));
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
 
     std::signal(SIGINT, RequestStop);
     std::signal(SIGTERM, RequestStop);

@@ -205,7 +205,7 @@ Outcome Run(const Key& key, const Corpus& corpus, int level, Progress& progress,
         try {
             round_trip.File(path, outcome);
         } catch (const std::exception& error) {
-            outcome.failures.push_back(fmt::format("{}: {}", path.string(), error.what()));
+            outcome.failures.push_back(fmt::format("{}: {}", path.u8string(), error.what()));
         }
     }
     progress.Clear();
