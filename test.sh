@@ -1,20 +1,25 @@
 #!/usr/bin/env bash
-# Installs what the tests need, builds everything and runs every test.
+# Installs what the tests need, builds everything and runs every test, on this system and,
+# cross-compiled and run through Wine, for 64-bit Windows.
 #
 #   ./test.sh               all of it
-#   ./test.sh gcc           one stage, or several: gcc asan tsan package
+#   ./test.sh --no-windows  without the Windows stage
+#   ./test.sh gcc           one stage, or several: gcc package asan tsan windows
 #
 # Options of the test runner come from the environment, as CTEST_OPTIONS="-R Timer".
 set -euo pipefail
 cd "$(dirname "$0")"
 
-stages=("$@")
-[ ${#stages[@]} -gt 0 ] || stages=(gcc package asan tsan)
+case ${1:-} in
+    "") stages=(gcc package asan tsan windows) ;;
+    --no-windows) stages=(gcc package asan tsan) ;;
+    *) stages=("$@") ;;
+esac
 jobs=$(nproc)
 
 tools/install-deps.sh --tests
 
-# Configures, builds and tests one preset; everything in parallel, in random order.
+# Builds one preset and runs its tests; everything in parallel, in random order.
 suite() {
     local preset=$1
     echo "== $preset: build"
@@ -26,25 +31,41 @@ suite() {
         -j "$((jobs * 2))" ${CTEST_OPTIONS:-}
 }
 
-# The installed package, used by a project outside of this tree.
-package() {
-    local root
+# consumer <build folder> [options of cmake]: the installed package, used by a project outside of
+# this tree.
+consumer() {
+    local build=$1 root
+    shift
     root=$(mktemp -d)
-    trap 'rm -rf "$root"' RETURN
-    [ -d build-gcc ] || { cmake --preset gcc >/dev/null && cmake --build build-gcc -j "$jobs" -- --quiet; }
-    echo "== package: install, build against it, run"
-    cmake --install build-gcc --prefix "$root/installed" >/dev/null
+    # shellcheck disable=SC2064
+    trap "rm -rf '$root'" RETURN
+    echo "== $build: install, build against it, run"
+    cmake --install "$build" --prefix "$root/installed" >/dev/null
     cp -r tests/consumer "$root/consumer"
-    cmake -S "$root/consumer" -B "$root/build" -G Ninja -DCMAKE_PREFIX_PATH="$root/installed" >/dev/null
+    cmake -S "$root/consumer" -B "$root/build" -G Ninja \
+        -DCMAKE_PREFIX_PATH="$root/installed" "$@" >/dev/null
     cmake --build "$root/build" >/dev/null
     ctest --test-dir "$root/build" --output-on-failure
+}
+
+package() {
+    [ -d build-gcc ] || { cmake --preset gcc >/dev/null && cmake --build build-gcc -j "$jobs" -- --quiet; }
+    consumer build-gcc
+}
+
+windows() {
+    tools/windows-deps.sh
+    tools/wine.sh --prepare
+    suite windows-mingw
+    consumer build-windows-mingw --toolchain "$PWD/cmake/windows-mingw.cmake"
 }
 
 for stage in "${stages[@]}"; do
     case $stage in
         package) package ;;
+        windows) windows ;;
         gcc | asan | tsan) suite "$stage" ;;
-        *) echo "test.sh: no stage '$stage'; there are: gcc package asan tsan" >&2; exit 2 ;;
+        *) echo "test.sh: no stage '$stage'; there are: gcc package asan tsan windows" >&2; exit 2 ;;
     esac
 done
 echo "test.sh: all stages passed: ${stages[*]}"

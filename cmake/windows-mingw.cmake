@@ -12,11 +12,11 @@ set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../tools/wine.sh)
 if(NOT VESSA_WINDOWS_DEPS)
   get_filename_component(VESSA_WINDOWS_DEPS ${CMAKE_CURRENT_LIST_DIR}/../build-windows-deps ABSOLUTE)
 endif()
-set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES VESSA_WINDOWS_DEPS)
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES VESSA_WINDOWS_DEPS CMAKE_PREFIX_PATH)
 
 # Nothing of the building system may get in between: programs from there, all else from the
 # prefix and the compiler's own folder.
-set(CMAKE_FIND_ROOT_PATH ${VESSA_WINDOWS_DEPS} /usr/${vessa_triple})
+set(CMAKE_FIND_ROOT_PATH ${CMAKE_PREFIX_PATH} ${VESSA_WINDOWS_DEPS} /usr/${vessa_triple})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
