@@ -19,11 +19,11 @@
  *               lower case), or a list by logger ("vessa=debug,tova=warning"), in which an
  *               element without a name is for all others. What cannot be read is reported
  *               once on standard error and ignored.
- *  SKRIB_FILE   path of the file, for one process alone; any letters, on Windows too. At 10 MiB it
- * is renamed ("log.txt" to "log.1.txt") and begun anew; four older ones are kept. Warnings and
- * errors are in the file when the call returns. A file that cannot be written is reported on
- * standard error and tried again after 10 seconds; what comes meanwhile only goes to standard
- * error.
+ *  SKRIB_FILE   path of the file, for one process alone; any letters, on Windows too. At 10 MiB
+ *               it is renamed ("log.txt" to "log.1.txt") and begun anew; four older ones are
+ *               kept. Warnings and errors are in the file when the call returns. A file that
+ *               cannot be written is reported on standard error and tried again after 10
+ *               seconds; what comes meanwhile only goes to standard error.
  *
  * Every function may be called on any thread and at any time, also by global objects and exit
  * handlers; none throws or changes errno. Texts are copied before a call returns. Once loaded

@@ -114,7 +114,8 @@ TOVA_API int TOVA_GetSystemLastError(void);
  * One entry of a folder. Links are followed: type, stamp and identity are those of what the
  * link points to; a dangling link is neither a folder nor a file.
  *
- *  name    zero-terminated; a name that does not fit fails the whole listing.
+ *  name    zero-terminated; a name that does not fit fails the whole listing. (On Windows its
+ *          short name is shown instead, where the volume keeps one.)
  *  type    TOVA_DIRENT_FOLDER, TOVA_DIRENT_FILE (a regular file) or another number.
  *  volume, file_id   together the same for two names of one object, different otherwise.
  *  stamp   changes whenever the file is rewritten: also with the same size, restored times,

@@ -11,6 +11,8 @@ namespace {
 
 constexpr wchar_t kPrefix[] = L"\\\\?\\";
 constexpr wchar_t kNetworkPrefix[] = L"\\\\?\\UNC\\";
+// How the devices are named, also those that a bare name like "nul" stands for.
+constexpr wchar_t kDevicePrefix[] = L"\\\\.\\";
 constexpr size_t kPrefixLength = 4;
 constexpr size_t kNetworkPrefixLength = 8;
 // A folder's path must leave room for a short name in it.
@@ -48,16 +50,33 @@ bool HasDrive(const std::wstring& path) {
     return path.size() >= 3 && IsLetter(path[0]) && path[1] == L':' && path[2] == L'\\';
 }
 
-// The system's own reading of what is not absolute: relative, relative to a drive, rooted.
-bool MakeAbsolute(std::wstring& path) {
+bool FullPath(const std::wstring& path, std::wstring& full) {
     const DWORD size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
     if (size == 0) return false;
-    std::wstring full(size, L'\0');
+    full.assign(size, L'\0');
     const DWORD length = GetFullPathNameW(path.c_str(), size, full.data(), nullptr);
     // Another thread may have changed the current folder in between.
     if (length == 0 || length >= size) return length != 0 && Fail(ERROR_BUFFER_OVERFLOW);
     full.resize(length);
-    path = full;
+    return true;
+}
+
+// What is not absolute: relative, relative to a drive, rooted. The system is asked for the folder
+// that it begins in, and not for the rest, whose names it would change.
+bool MakeAbsolute(std::wstring& path) {
+    std::wstring full;
+    if (!FullPath(path, full)) return false;
+    if (StartsWith(full, kDevicePrefix)) return Fail(ERROR_BAD_PATHNAME);
+    std::wstring begin = L".";
+    size_t rest = 0;
+    if (path[0] == L'\\') {
+        begin = L"\\";
+    } else if (path.size() >= 2 && IsLetter(path[0]) && path[1] == L':') {
+        begin = path.substr(0, 2) + L".";
+        rest = 2;
+    }
+    if (!FullPath(begin, full)) return false;
+    path = full + L"\\" + path.substr(rest);
     return true;
 }
 
@@ -135,8 +154,8 @@ bool VerbatimPath(const char* path, std::wstring& verbatim) {
         verbatim = kPrefix + WithoutSteps(wide, 1);
         return true;
     }
-    // "\\.\" is how the devices are named, also those that a bare name like "nul" stands for.
-    if (!StartsWith(wide, L"\\\\") || StartsWith(wide, L"\\\\.\\")) return Fail(ERROR_BAD_PATHNAME);
+    if (!StartsWith(wide, L"\\\\") || StartsWith(wide, kDevicePrefix))
+        return Fail(ERROR_BAD_PATHNAME);
     verbatim = kNetworkPrefix + WithoutSteps(wide, 2);
     return true;
 }
@@ -145,7 +164,11 @@ std::wstring WithoutPrefix(const std::wstring& verbatim) {
     std::wstring plain = StartsWith(verbatim, kNetworkPrefix)
                              ? L"\\\\" + verbatim.substr(kNetworkPrefixLength)
                              : verbatim.substr(kPrefixLength);
-    return plain.size() < kShortPathLength ? plain : verbatim;
+    if (plain.size() >= kShortPathLength) return verbatim;
+    // The system reads some names as others: one that ends in a full stop, one like a device's.
+    wchar_t read[MAX_PATH];
+    const DWORD length = GetFullPathNameW(plain.c_str(), MAX_PATH, read, nullptr);
+    return length == plain.size() && plain == read ? plain : verbatim;
 }
 
 std::wstring ModuleFileOf(void* module) {

@@ -18,8 +18,8 @@ bool Narrow(const wchar_t* wide, std::string& text);
  */
 bool VerbatimPath(const char* path, std::wstring& verbatim);
 
-// The same without the prefix where the path is short enough to go without; for calls that keep
-// the path as a name for others to read.
+// The same without the prefix where the system reads it as the same path; for calls that keep the
+// path as a name for others to read.
 std::wstring WithoutPrefix(const std::wstring& verbatim);
 
 // The file of a loaded module, absolute and whole; null: the program. Empty: failure.

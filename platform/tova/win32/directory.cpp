@@ -225,7 +225,8 @@ class Folder {
         facts.written = static_cast<uint64_t>(record.LastWriteTime.QuadPart);
         facts.changed = static_cast<uint64_t>(record.ChangeTime.QuadPart);
         if (!Examine(name, facts, entry)) return 0;
-        if (entry.type == TOVA_DIRENT_FILE) watch_.Note(facts.changed);
+        // Some volumes keep no change time.
+        if (entry.type == TOVA_DIRENT_FILE) watch_.Note(std::max(facts.changed, facts.written));
         entries.push_back(entry);
         return 0;
     }

@@ -54,12 +54,15 @@ void* LoadExamined(const char* path, const std::wstring& verbatim) {
 void* Load(const char* path) {
     std::wstring verbatim;
     tova::ModuleRefusal refusal;
-    if (win32::VerbatimPath(path, verbatim)) {
-        refusal = tova::ExamineModuleFile(verbatim);
-        if (refusal.error == 0) return LoadExamined(path, verbatim);
-    } else {
+    if (!win32::VerbatimPath(path, verbatim)) {
         refusal.error = GetLastError();
         refusal.reason = "no path of a file";
+    } else if (verbatim.back() == L'.' || verbatim.back() == L' ') {
+        refusal.error = ERROR_INVALID_NAME;
+        refusal.reason = "the system's loader would take a file of another name";
+    } else {
+        refusal = tova::ExamineModuleFile(verbatim);
+        if (refusal.error == 0) return LoadExamined(path, verbatim);
     }
     tova::LogError(__FILE__, TOVA_FUNCTION_SIGNATURE, __LINE__, [path, &refusal] {
         return std::string("module refused, path ") + path + ", reason: " + Describe(refusal);
