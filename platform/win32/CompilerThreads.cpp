@@ -64,11 +64,17 @@ constexpr DWORD kMaxKeys = 8;
 DWORD keys[kMaxKeys];
 DWORD key_count = 0;
 
-__attribute__((destructor(101))) void FreeKeys() {
-    if (win32::ProcessIsEnding()) return;
-    for (DWORD i = 0; i < key_count; ++i) FlsFree(keys[i]);
-    key_count = 0;
-}
+// Made before every other global object and so destroyed after them: what runs earlier at the end
+// would make the keys anew.
+struct KeyLife {
+    KeyLife() {}
+    ~KeyLife() {
+        if (win32::ProcessIsEnding()) return;
+        for (DWORD i = 0; i < key_count; ++i) FlsFree(keys[i]);
+        key_count = 0;
+    }
+};
+__attribute__((init_priority(101))) KeyLife key_life;
 
 }  // namespace
 
