@@ -37,7 +37,7 @@ enum test_module_error {
 /*
  * Called by a module at the start of each operation if the program defines and exports it.
  *
- *  module     the file name that the module was loaded from, without ".so": a copy of a
+ *  module     the file name that the module was loaded from, without its suffix: a copy of a
  *             module under another name is told apart.
  *  operation  "Load", "Unload" (the module's constructor and destructor), "Entry" or the
  *             name of the operation's slot.
@@ -56,9 +56,6 @@ typedef struct test_module_query {
     void** iface;
 } test_module_query;
 
-#if defined(__GNUC__)
-__attribute__((visibility("default")))
-#endif
 int TestModule_Hook(const char* module, const char* operation, void* a, void* b, int* result);
 
 #ifdef __cplusplus

@@ -10,6 +10,15 @@ int TestDependency_Answer(void) {
     return 42;
 }
 
+#if defined(HAS_SYMBOL)
+/* For a module that is linked with this form and meets the other one. */
+TARNET_API int TestModule_DefinedNowhere(void);
+
+int TestModule_DefinedNowhere(void) {
+    return 0;
+}
+#endif
+
 #if defined(HAS_ENTRY)
 static int Zero(void) {
     return 0;

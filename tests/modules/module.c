@@ -3,6 +3,7 @@
  * by macros from CMakeLists.txt. Without any it is a good version-2 module.
  *
  *  ENTRY_V1, ENTRY_V2          the entry of that version: 0 none, 1 a table, 2 returns null
+ *  NAME_V1, NAME_V2            the entry's name here, which is not exported if it is not the usual
  *  SLOT_X                      0: the slot of operation X is null
  *  INIT_RESULT ...             what the operation returns; CREATE_, DESTROY_, QUERY_, UNINIT_
  *  CREATE_WRITES               a failing create stores a pointer all the same
@@ -13,11 +14,11 @@
  *  UNDEFINED_SYMBOL, USES_DEPENDENCY   references outside of the module
  */
 #define _GNU_SOURCE
-#include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include "ModuleSystem.h"
 #include "modules/TestInterface.h"
 #include "vessa/tarnet.h"
 
@@ -26,6 +27,12 @@
 #endif
 #ifndef ENTRY_V2
 #  define ENTRY_V2 1
+#endif
+#ifndef NAME_V1
+#  define NAME_V1 TARNET_GetPluginInterface
+#endif
+#ifndef NAME_V2
+#  define NAME_V2 TARNET_GetPluginInterface_V2
 #endif
 #ifndef INIT_RESULT
 #  define INIT_RESULT 0
@@ -147,25 +154,24 @@ typedef int (*hook_t)(const char*, const char*, void*, void*, int*);
 
 static int Hooked(const char* operation, void* a, void* b, int* result) {
     /* Looked up each time: the module may outlive one program part and be used by the next. */
-    void* symbol = dlsym(RTLD_DEFAULT, "TestModule_Hook");
-    hook_t hook;
+    const hook_t hook = (hook_t)FunctionOfProgram("TestModule_Hook");
     *result = 0;
-    if (symbol == NULL) return 0;
-    memcpy(&hook, &symbol, sizeof hook);
-    return hook(module_name, operation, a, b, result);
+    return hook == NULL ? 0 : hook(module_name, operation, a, b, result);
 }
 
 __attribute__((constructor)) static void Load(void) {
+    static char path[4096];
     int ignored;
-    Dl_info info;
-    const char* name = "?";
+    const char* name = path;
     const char* slash;
     size_t length;
-    if (dladdr(module_name, &info) != 0 && info.dli_fname != NULL) name = info.dli_fname;
-    slash = strrchr(name, '/');
+    PathOfModule(module_name, path, sizeof path);
+    slash = strrchr(path, '/');
     if (slash != NULL) name = slash + 1;
     length = strlen(name);
-    if (length > 3 && strcmp(name + length - 3, ".so") == 0) length -= 3;
+    if (length > strlen(MODULE_SUFFIX) &&
+        strcmp(name + length - strlen(MODULE_SUFFIX), MODULE_SUFFIX) == 0)
+        length -= strlen(MODULE_SUFFIX);
     if (length >= sizeof module_name) length = sizeof module_name - 1;
     memcpy(module_name, name, length);
     (void)Hooked("Load", NULL, NULL, &ignored);
@@ -358,8 +364,7 @@ static const tarnet_export_table_v2 table_v2 = {
 
 /* Every defect leaves some of the operations unused; this keeps them compiled everywhere. */
 typedef void (*any_function_t)(void);
-extern const any_function_t TestModule_Operations[];
-__attribute__((visibility("hidden"))) const any_function_t TestModule_Operations[] = {
+__attribute__((used)) static const any_function_t operations[] = {
     (any_function_t)Init,
     (any_function_t)Uninit,
     (any_function_t)MakeInstance,
@@ -378,14 +383,14 @@ __attribute__((visibility("hidden"))) const any_function_t TestModule_Operations
 };
 
 #if ENTRY_V1 == 1
-const tarnet_export_table_v1* TARNET_GetPluginInterface(void) {
+const tarnet_export_table_v1* NAME_V1(void) {
     int ignored;
     if (Hooked("Entry", NULL, NULL, &ignored)) return NULL;
     THROW_ENTRY("Entry");
     return &table_v1;
 }
 #elif ENTRY_V1 == 2
-const tarnet_export_table_v1* TARNET_GetPluginInterface(void) {
+const tarnet_export_table_v1* NAME_V1(void) {
     int ignored;
     (void)Hooked("Entry", NULL, NULL, &ignored);
     return NULL;
@@ -393,14 +398,14 @@ const tarnet_export_table_v1* TARNET_GetPluginInterface(void) {
 #endif
 
 #if ENTRY_V2 == 1
-const tarnet_export_table_v2* TARNET_GetPluginInterface_V2(void) {
+const tarnet_export_table_v2* NAME_V2(void) {
     int ignored;
     if (Hooked("Entry", NULL, NULL, &ignored)) return NULL;
     THROW_ENTRY("Entry");
     return &table_v2;
 }
 #elif ENTRY_V2 == 2
-const tarnet_export_table_v2* TARNET_GetPluginInterface_V2(void) {
+const tarnet_export_table_v2* NAME_V2(void) {
     int ignored;
     (void)Hooked("Entry", NULL, NULL, &ignored);
     return NULL;

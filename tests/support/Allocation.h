@@ -1,8 +1,8 @@
 // Allocation.h: allocations that fail on request, on one thread.
 //
 // The program must link the object library vessa_test_allocation, which replaces the global
-// operators new and delete for itself and for every library it loads. Unless a failure is
-// armed on the calling thread they behave as usual.
+// operators new and delete for itself and for every library it loads; on Windows for what is
+// linked into it alone. Unless a failure is armed on the calling thread they behave as usual.
 #ifndef VESSA_TESTS_SUPPORT_ALLOCATION_H
 #define VESSA_TESTS_SUPPORT_ALLOCATION_H
 
@@ -51,8 +51,8 @@ class AllocationPause {
     AllocationPause& operator=(const AllocationPause&) = delete;
 };
 
-// Blocks that operator new of the whole process gave out and that were not deleted yet, for
-// a census before and after. 0 if the operators are not linked.
+// Blocks that these operators new gave out and that were not deleted yet, for a census before
+// and after. 0 if the operators are not linked.
 long LiveBlocks();
 
 namespace detail {

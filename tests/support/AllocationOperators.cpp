@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "AlignedBlock.h"
 #include "support/Allocation.h"
 
 namespace {
@@ -18,9 +19,7 @@ void* Allocate(std::size_t size) noexcept {
 
 void* AllocateAligned(std::size_t size, std::align_val_t alignment) noexcept {
     if (vessa_test::detail::AllocationMustFail()) return nullptr;
-    const std::size_t unit = static_cast<std::size_t>(alignment);
-    if (size > static_cast<std::size_t>(-1) - unit) return nullptr;
-    void* block = std::aligned_alloc(unit, (size + unit) / unit * unit);
+    void* block = AllocateAlignedBlock(size, static_cast<std::size_t>(alignment));
     if (block != nullptr) vessa_test::detail::CountBlock(1);
     return block;
 }
@@ -34,6 +33,12 @@ void Free(void* block) noexcept {
     if (block == nullptr) return;
     vessa_test::detail::CountBlock(-1);
     std::free(block);
+}
+
+void FreeAligned(void* block) noexcept {
+    if (block == nullptr) return;
+    vessa_test::detail::CountBlock(-1);
+    FreeAlignedBlock(block);
 }
 
 }  // namespace
@@ -82,20 +87,20 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
     Free(block);
 }
 void operator delete(void* block, std::align_val_t) noexcept {
-    Free(block);
+    FreeAligned(block);
 }
 void operator delete[](void* block, std::align_val_t) noexcept {
-    Free(block);
+    FreeAligned(block);
 }
 void operator delete(void* block, std::size_t, std::align_val_t) noexcept {
-    Free(block);
+    FreeAligned(block);
 }
 void operator delete[](void* block, std::size_t, std::align_val_t) noexcept {
-    Free(block);
+    FreeAligned(block);
 }
 void operator delete(void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    Free(block);
+    FreeAligned(block);
 }
 void operator delete[](void* block, std::align_val_t, const std::nothrow_t&) noexcept {
-    Free(block);
+    FreeAligned(block);
 }

@@ -1,28 +1,23 @@
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
 #include <system_error>
 
+#include "TestPlatform.h"
 #include "support/Child.h"
+#include "support/SupportChild.h"
 #include "support/TempDir.h"
 
 namespace vessa_test {
 namespace {
 
-ChildOptions Shell(const std::string& script) {
-    ChildOptions options;
-    options.program = "/bin/sh";
-    options.arguments = {"-c", script};
-    return options;
-}
-
 TEST(ChildTest, TellsTheExitStatusAndBothOutputs) {
-    const ChildResult result = RunChild(Shell("echo one; echo two >&2; exit 7"));
+    const ChildResult result = RunChild(SupportChild({"say", "one\n", "two\n", "7"}));
     EXPECT_TRUE(result.Exited(7)) << result;
     EXPECT_FALSE(result.Exited(0));
+    EXPECT_FALSE(result.Crashed());
     EXPECT_EQ(result.out, "one\n");
     EXPECT_EQ(result.err, "two\n");
     std::ostringstream described;
@@ -30,53 +25,36 @@ TEST(ChildTest, TellsTheExitStatusAndBothOutputs) {
     EXPECT_EQ(described.str(), "exit status 7\nstandard output:\none\n\nstandard error:\ntwo\n");
 }
 
-TEST(ChildTest, TellsTheSignal) {
-    const ChildResult result = RunChild(Shell("kill -TERM $$"));
-    EXPECT_EQ(result.signal, SIGTERM) << result;
-    EXPECT_EQ(result.exit_status, -1);
-    EXPECT_FALSE(result.hung);
-}
-
-TEST(ChildTest, EndsAChildThatHangsAndWhatItStarted) {
-    // Both shells wait for a line of a FIFO that nobody writes.
-    TempDir world;
-    ChildOptions options =
-        Shell("mkfifo never; echo begun; (read line < never) & read line < never");
-    options.folder = world.Path();
-    options.watchdog = std::chrono::seconds(1);
-    const ChildResult result = RunChild(options);
-    EXPECT_TRUE(result.hung) << result;
-    EXPECT_FALSE(result.Exited(0));
-    EXPECT_EQ(result.signal, SIGKILL);
-    EXPECT_EQ(result.out, "begun\n");
-    EXPECT_EQ(result.Describe().substr(0, 5), "hung\n");
-}
-
-TEST(ChildTest, DoesNotWaitForAGrandchildThatKeepsTheOutputOpen) {
-    TempDir world;
-    ChildOptions options = Shell("mkfifo never; (read line <> never) & echo $!");
-    options.folder = world.Path();
-    const ChildResult result = RunChild(options);
-    EXPECT_TRUE(result.Exited(0)) << result;
-    kill(std::stoi(result.out), SIGKILL);
-}
-
 TEST(ChildTest, TakesMoreOutputThanAPipeHolds) {
-    const ChildResult result =
-        RunChild(Shell("i=0; while [ $i -lt 20000 ]; do echo 0123456789; i=$((i+1)); done"));
+    const ChildResult result = RunChild(SupportChild({"repeat", "0123456789", "20000"}));
     EXPECT_TRUE(result.Exited(0));
     EXPECT_EQ(result.out.size(), 20000U * 11U);
 }
 
+TEST(ChildTest, EndsAChildThatHangs) {
+    ChildOptions options = SupportChild({"hang"});
+    options.watchdog = std::chrono::seconds(1);
+    const ChildResult result = RunChild(options);
+    EXPECT_TRUE(result.hung) << result;
+    EXPECT_EQ(result.exit_status, -1);
+    EXPECT_EQ(result.out, "hanging\n");
+}
+
 TEST(ChildTest, PassesArgumentsEnvironmentAndFolder) {
     TempDir world;
-    ChildOptions options = Shell("echo \"$0|$1|$ADDED|${HOME-none}\"; pwd; cat");
-    options.arguments.insert(options.arguments.end(), {"first arg", "second"});
+    SetVariable("REMOVED", "here");
+    ChildOptions options =
+        SupportChild({"show", "two words", "", "a\\", "\\\\\"b\" c\\\\", "d\\e'*"});
     options.environment["ADDED"] = "a b";
-    options.environment["HOME"] = std::nullopt;
+    options.environment["REMOVED"] = std::nullopt;
     options.folder = world.Path();
     const ChildResult result = RunChild(options);
-    EXPECT_EQ(result.out, "first arg|second|a b|none\n" + world.Path() + "\n") << result;
+    SetVariable("REMOVED", nullptr);
+    EXPECT_EQ(result.out,
+              "argument two words\nargument \nargument a\\\nargument \\\\\"b\" c\\\\\n"
+              "argument d\\e'*\nADDED a b\nREMOVED none\nfolder " +
+                  world.Path() + "\nread 0\n")
+        << result;
 }
 
 TEST(ChildTest, ReportsAProgramThatIsNotThere) {
@@ -94,6 +72,12 @@ TEST(ChildTest, RunsTheSameTestInAChild) {
     EXPECT_TRUE(result.Exited(5)) << result;
     EXPECT_EQ(result.err, "the child's part");
     EXPECT_NE(result.out.find("Running 1 test from 1 test suite"), std::string::npos) << result;
+}
+
+TEST(ChildTest, AChildMayRunAChildOfItsOwn) {
+    if (IsChild()) std::_Exit(RunChild(SupportChild({"say", "", "", "6"})).exit_status);
+    const ChildResult result = RunChild(ThisTestAsChild());
+    EXPECT_TRUE(result.Exited(6)) << result;
 }
 
 TEST(ChildTest, AFailureInTheChildShowsInItsExitStatus) {

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "TestPlatform.h"
 #include "modules/TestInterface.h"
 #include "support/Allocation.h"
 #include "support/Sync.h"
@@ -154,8 +155,8 @@ void ModuleHook::WaitFor(const std::string& line, int count) const {
 
 }  // namespace vessa_test
 
-extern "C" int TestModule_Hook(const char* module, const char* operation, void* a, void* b,
-                               int* result) {
+extern "C" PROGRAM_EXPORT int TestModule_Hook(const char* module, const char* operation, void* a,
+                                              void* b, int* result) {
     using namespace vessa_test;
     const AllocationPause pause;
     ModuleCall call = Describe(module, operation, a, b);

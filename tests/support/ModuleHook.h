@@ -14,7 +14,7 @@ namespace vessa_test {
 
 // One operation of one module. What an operation does not have is null.
 struct ModuleCall {
-    std::string module;     // the file name that it was loaded from, without ".so"
+    std::string module;     // the file name that it was loaded from, without its suffix
     std::string operation;  // "Load", "Unload", "Entry" or the name of the slot
     int index = 0;          // which call of this operation of this module, from 1 on
 

@@ -13,7 +13,8 @@ namespace vessa_test {
 std::string ModulePath(const std::string& module);
 
 // Puts a copy of the module into the world, over what was there, and gives its absolute path.
-// Two copies are two modules to the system's loader.
+// Two copies are two modules to the system's loader. The libraries that a module has to find
+// beside itself come with it.
 std::string Install(TempDir& world, const std::string& module, std::string_view relative);
 
 }  // namespace vessa_test

@@ -1,6 +1,5 @@
 #include "support/Runtime.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -10,6 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "TestPlatform.h"
 #include "support/RuntimeState.h"
 #include "support/Sync.h"
 
@@ -47,14 +47,8 @@ void* RealSymbol(Tova function) {
     std::atomic<void*>& known = real_symbols[static_cast<std::size_t>(function)];
     void* symbol = known.load();
     if (symbol != nullptr) return symbol;
-    const int errno_before = errno;
-    symbol = dlsym(RTLD_NEXT, SymbolName(function));
-    if (symbol == nullptr) {
-        std::fprintf(stderr, "no %s behind the stand-in\n", SymbolName(function));
-        std::abort();
-    }
+    symbol = SymbolBehind(SymbolName(function));
     known.store(symbol);
-    errno = errno_before;
     return symbol;
 }
 
@@ -86,7 +80,7 @@ void RuntimeCall::ReturnPointer(void* result) {
 }
 
 Interception::Interception(Tova function, void* object, const char* text, unsigned milliseconds)
-    : call_(function, object, text, milliseconds), errno_(errno) {
+    : call_(function, object, text, milliseconds) {
     const AllocationPause pause;
     Interventions& interventions = TheInterventions();
     if (!Bypass::Active() && interventions.IsActive()) {
@@ -98,9 +92,9 @@ Interception::Interception(Tova function, void* object, const char* text, unsign
     }
     if (Fails()) {
         interventions.CountFailure(function);
-        errno_ = call_.error_;
+        errors_.Set(call_.error_);
     }
-    errno = errno_;
+    errors_.Restore();
 }
 
 Interception::~Interception() {
@@ -108,7 +102,7 @@ Interception::~Interception() {
         const AllocationPause pause;
         TheInterventions().RunHook(false, call_);
     }
-    errno = errno_;
+    errors_.Restore();
 }
 
 void Interventions::Start() {

@@ -1,15 +1,17 @@
 // Runtime.h: a stand-in at the runtime's seam. A program that links the object library
-// vessa_test_runtime has every TOVA_ function of its own, which goes on to the real one. While
-// a Runtime object lives, calls are counted, can be made to fail, can be held by a test, and
-// long waits are ended by the test instead of by the clock.
+// vessa_test_runtime has every TOVA_ function of its own, which goes on to the real one; on
+// Windows only what is linked into the program comes here. While a Runtime object lives, calls
+// are counted, can be made to fail, can be held by a test, and long waits are ended by the test
+// instead of by the clock.
 #ifndef VESSA_TESTS_SUPPORT_RUNTIME_H
 #define VESSA_TESTS_SUPPORT_RUNTIME_H
 
-#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <vector>
+
+#include "TestPlatform.h"
 
 namespace vessa_test {
 
@@ -38,7 +40,7 @@ class RuntimeCall {
 
     // In a hook of Before: the real function is not called. Fail gives what the function
     // gives on failure and sets the thread's last error.
-    void Fail(int system_error = EIO);
+    void Fail(int system_error = kErrorIo);
     void Return(int result);
     void ReturnPointer(void* result);
 
@@ -105,8 +107,8 @@ class Runtime {
     // holds. A failing timed wait uses up its time: a long one until the tick, and a post
     // still ends it with success. Throws std::logic_error for AtomicAdd, AtomicCas,
     // GetSystemLastError and Strncpy, which cannot fail.
-    void FailCall(Tova function, long nth = 1, int system_error = EIO);
-    void FailFrom(Tova function, long nth = 1, int system_error = EIO);
+    void FailCall(Tova function, long nth = 1, int system_error = kErrorIo);
+    void FailFrom(Tova function, long nth = 1, int system_error = kErrorIo);
     void StopFailing(Tova function);
 
     // Called on the calling thread with no lock held, before and after each call of the

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/Child.h"
 #include "support/Runtime.h"
 #include "support/Sync.h"
@@ -105,6 +106,17 @@ TEST(RuntimeTest, ATickEndsWithAThreadThatEnds) {
     EXPECT_TRUE(timed_out);
 }
 
+TEST(RuntimeTest, ATickEndsWithAThreadOfTheRuntimeThatEnds) {
+    Runtime runtime;
+    Semaphore sem;
+    const auto wait = [](void* argument) {
+        return TOVA_SemTimedWait(&static_cast<Semaphore*>(argument)->native, 5000);
+    };
+    const tova_thread_t thread = TOVA_Thread_Create(wait, &sem, 0, 0, 0, 0);
+    EXPECT_FALSE(runtime.Tick());
+    EXPECT_EQ(TOVA_Thread_Wait(thread), 0);
+}
+
 TEST(RuntimeTest, TellsSeveralWaitersApart) {
     Runtime runtime;
     Ticker first;
@@ -170,10 +182,10 @@ TEST(RuntimeTest, FailsTheNthCallOnly) {
     const std::string file = world.Write("file", "");
     Runtime runtime;
     EXPECT_EQ(TOVA_AccessFile(file.c_str(), 0), 0);
-    runtime.FailCall(Tova::AccessFile, 2, EACCES);
+    runtime.FailCall(Tova::AccessFile, 2, kErrorAccess);
     EXPECT_EQ(TOVA_AccessFile(file.c_str(), 0), 0);
     EXPECT_NE(TOVA_AccessFile(file.c_str(), 0), 0);
-    EXPECT_EQ(TOVA_GetSystemLastError(), EACCES);
+    EXPECT_EQ(TOVA_GetSystemLastError(), kErrorAccess);
     EXPECT_EQ(TOVA_AccessFile(file.c_str(), 0), 0);
     EXPECT_EQ(runtime.Calls(Tova::AccessFile), 4);
     EXPECT_EQ(runtime.Failed(Tova::AccessFile), 1);
@@ -219,14 +231,14 @@ TEST(RuntimeTest, FailedCreationsLeaveNull) {
 
 TEST(RuntimeTest, AFailingLongWaitLastsUntilTheTick) {
     Runtime runtime;
-    runtime.FailFrom(Tova::SemTimedWait, 1, EINVAL);
+    runtime.FailFrom(Tova::SemTimedWait, 1, kErrorInvalid);
     Ticker ticker;
     runtime.AwaitWaiters();
     EXPECT_EQ(ticker.rounds, 0);
     runtime.Tick();
     runtime.Tick();
     EXPECT_EQ(ticker.rounds, 2);
-    EXPECT_EQ(ticker.errors, (std::vector<int>{EINVAL, EINVAL}));
+    EXPECT_EQ(ticker.errors, (std::vector<int>{kErrorInvalid, kErrorInvalid}));
     ticker.Stop();
     EXPECT_EQ(runtime.Failed(Tova::SemTimedWait), 3);
 }
@@ -238,13 +250,13 @@ TEST(RuntimeTest, HooksSeeTheCallAndMayAnswerIt) {
     runtime.Before(Tova::GetDsoSym, [&](RuntimeCall& call) {
         seen.push_back(std::to_string(call.index) + " " + call.text);
         if (std::string(call.text) == "answered") call.ReturnPointer(&value);
-        if (std::string(call.text) == "failed") call.Fail(ENOENT);
+        if (std::string(call.text) == "failed") call.Fail(kErrorNotFound);
     });
     int after = 0;
     runtime.After(Tova::GetDsoSym, [&](RuntimeCall&) { ++after; });
     EXPECT_EQ(TOVA_GetDsoSym(nullptr, "answered"), &value);
     EXPECT_EQ(TOVA_GetDsoSym(nullptr, "failed"), nullptr);
-    EXPECT_EQ(TOVA_GetSystemLastError(), ENOENT);
+    EXPECT_EQ(TOVA_GetSystemLastError(), kErrorNotFound);
     EXPECT_EQ(TOVA_GetDsoSym(nullptr, "real"), nullptr);
     EXPECT_EQ(seen, (std::vector<std::string>{"1 answered", "2 failed", "3 real"}));
     EXPECT_EQ(after, 3);

@@ -8,9 +8,9 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/Allocation.h"
 #include "support/Runtime.h"
 #include "tova.h"
@@ -45,8 +45,28 @@ auto CallReal(Tova function, F*, A... arguments) {
     return reinterpret_cast<F*>(RealSymbol(function))(arguments...);
 }
 
+// What a call leaves behind for its caller: the C library's error and the system's, which are
+// one and the same on some systems.
+class LastErrors {
+  public:
+    LastErrors() { Keep(); }
+    void Keep() {
+        system_ = LastSystemError();
+        errno_ = errno;
+    }
+    void Set(int system_error) { system_ = system_error; }
+    void Restore() const {
+        errno = errno_;
+        SetLastSystemError(system_);
+    }
+
+  private:
+    int system_;
+    int errno_;
+};
+
 // One call of one function: counts it, asks the hooks, decides on failure. Leaves the last
-// error of the call behind whatever happens in between.
+// errors of the call behind whatever happens in between.
 class Interception {
   public:
     explicit Interception(Tova function, void* object = nullptr, const char* text = nullptr,
@@ -60,17 +80,17 @@ class Interception {
     std::intptr_t Result(std::intptr_t failed) const { return Fails() ? failed : call_.result_; }
     int Error() const { return call_.error_; }
 
-    // To be told the real function's result at once, before errno changes.
+    // To be told the real function's result at once, before the last errors change.
     template <class R>
     R Done(R result) {
-        errno_ = errno;
+        errors_.Keep();
         return result;
     }
 
   private:
     RuntimeCall call_;
     bool counted_ = false;
-    int errno_;
+    LastErrors errors_;
 };
 
 struct FailurePlan {
@@ -134,7 +154,7 @@ class LongWaits {
     // 0: taken. *by_clock: the stand-in ended, the wait is to be made by the clock.
     int Wait(tova_sem_t* sem, unsigned milliseconds, int error, bool* by_clock);
     void Posted();
-    void ThreadEnds(std::thread::id thread);
+    void ThreadEnds(long thread);
 
     std::vector<RuntimeWaiter> Waiters(std::size_t at_least);
     // 0 for the wait that began last.
@@ -144,7 +164,7 @@ class LongWaits {
   private:
     struct Record {
         int id = 0;
-        std::thread::id thread;
+        long thread = 0;
         const void* semaphore = nullptr;
         unsigned milliseconds = 0;
         long waits = 0;

@@ -1,6 +1,5 @@
 // The program's own functions of the runtime. Each asks the stand-in and goes on to the real
-// one. The libraries meet these first because the system's loader looks into the program before
-// anything else.
+// one.
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -77,7 +76,7 @@ int TimedWait(tova_sem_t* sem, unsigned milliseconds) {
     if (milliseconds >= Runtime::kLongWaitMs && waits.IsActive() && Block(sem) != nullptr) {
         bool by_clock = false;
         const AllocationPause pause;
-        const int error = call.Fails() ? call.Error() : ETIMEDOUT;
+        const int error = call.Fails() ? call.Error() : kErrorTimeout;
         const int result = call.Done(waits.Wait(sem, milliseconds, error, &by_clock));
         if (!by_clock) return result;
     } else if (call.Fails()) {
@@ -92,61 +91,60 @@ int TimedWait(tova_sem_t* sem, unsigned milliseconds) {
 
 using namespace vessa_test;
 
-extern "C" {
-
-int TOVA_Init(void) {
+STAND_IN(int, TOVA_Init)(void) {
     Interception call(Tova::Init);
     return Forward(call, Tova::Init, TOVA_Init);
 }
 
-int TOVA_Fini(void) {
+STAND_IN(int, TOVA_Fini)(void) {
     Interception call(Tova::Fini);
     return Forward(call, Tova::Fini, TOVA_Fini);
 }
 
-int TOVA_MutexCreate(tova_mutex_t* mutex, int reserved) {
+STAND_IN(int, TOVA_MutexCreate)(tova_mutex_t* mutex, int reserved) {
     return Create(Tova::MutexCreate, Resource::kMutex, TOVA_MutexCreate, mutex, reserved);
 }
 
-int TOVA_MutexDestroy(tova_mutex_t* mutex) {
+STAND_IN(int, TOVA_MutexDestroy)(tova_mutex_t* mutex) {
     return Destroy(Tova::MutexDestroy, Resource::kMutex, TOVA_MutexDestroy, mutex);
 }
 
-int TOVA_MutexLock(tova_mutex_t* mutex) {
+STAND_IN(int, TOVA_MutexLock)(tova_mutex_t* mutex) {
     Interception call(Tova::MutexLock, Block(mutex));
     return Forward(call, Tova::MutexLock, TOVA_MutexLock, mutex);
 }
 
-int TOVA_MutexUnlock(tova_mutex_t* mutex) {
+STAND_IN(int, TOVA_MutexUnlock)(tova_mutex_t* mutex) {
     Interception call(Tova::MutexUnlock, Block(mutex));
     return Forward(call, Tova::MutexUnlock, TOVA_MutexUnlock, mutex);
 }
 
-int TOVA_SemCreate(tova_sem_t* sem, unsigned initial) {
+STAND_IN(int, TOVA_SemCreate)(tova_sem_t* sem, unsigned initial) {
     return Create(Tova::SemCreate, Resource::kSemaphore, TOVA_SemCreate, sem, initial);
 }
 
-int TOVA_SemDestroy(tova_sem_t* sem) {
+STAND_IN(int, TOVA_SemDestroy)(tova_sem_t* sem) {
     return Destroy(Tova::SemDestroy, Resource::kSemaphore, TOVA_SemDestroy, sem);
 }
 
-int TOVA_SemPost(tova_sem_t* sem) {
+STAND_IN(int, TOVA_SemPost)(tova_sem_t* sem) {
     Interception call(Tova::SemPost, Block(sem));
     const int result = Forward(call, Tova::SemPost, TOVA_SemPost, sem);
     TheLongWaits().Posted();
     return result;
 }
 
-int TOVA_SemWait(tova_sem_t* sem) {
+STAND_IN(int, TOVA_SemWait)(tova_sem_t* sem) {
     Interception call(Tova::SemWait, Block(sem));
     return Forward(call, Tova::SemWait, TOVA_SemWait, sem);
 }
 
-int TOVA_SemTimedWait(tova_sem_t* sem, unsigned milliseconds) {
+STAND_IN(int, TOVA_SemTimedWait)(tova_sem_t* sem, unsigned milliseconds) {
     return TimedWait(sem, milliseconds);
 }
 
-tova_thread_t TOVA_Thread_Create(tova_entry_t entry, void* argument, int a, int b, int c, int d) {
+STAND_IN(tova_thread_t, TOVA_Thread_Create)
+(tova_entry_t entry, void* argument, int a, int b, int c, int d) {
     Interception call(Tova::Thread_Create);
     if (call.IsReplaced()) return reinterpret_cast<tova_thread_t>(call.Result(0));
     const tova_thread_t thread =
@@ -155,60 +153,58 @@ tova_thread_t TOVA_Thread_Create(tova_entry_t entry, void* argument, int a, int 
     return thread;
 }
 
-int TOVA_Thread_Wait(tova_thread_t thread) {
+STAND_IN(int, TOVA_Thread_Wait)(tova_thread_t thread) {
     return Close(Tova::Thread_Wait, Resource::kThread, TOVA_Thread_Wait, thread);
 }
 
-int32_t TOVA_AtomicAdd(volatile int32_t* target, int32_t delta) {
+STAND_IN(int32_t, TOVA_AtomicAdd)(volatile int32_t* target, int32_t delta) {
     Interception call(Tova::AtomicAdd, const_cast<int32_t*>(target));
     return Forward(call, Tova::AtomicAdd, TOVA_AtomicAdd, target, delta);
 }
 
-int32_t TOVA_AtomicCas(volatile int32_t* target, int32_t exchange, int32_t comparand) {
+STAND_IN(int32_t, TOVA_AtomicCas)(volatile int32_t* target, int32_t exchange, int32_t comparand) {
     Interception call(Tova::AtomicCas, const_cast<int32_t*>(target));
     return Forward(call, Tova::AtomicCas, TOVA_AtomicCas, target, exchange, comparand);
 }
 
-void* TOVA_LoadDSo(const char* path) {
+STAND_IN(void*, TOVA_LoadDSo)(const char* path) {
     return Open(Tova::LoadDSo, Resource::kModule, path, TOVA_LoadDSo, path);
 }
 
-void* TOVA_GetDsoSym(void* dso, const char* name) {
+STAND_IN(void*, TOVA_GetDsoSym)(void* dso, const char* name) {
     Interception call(Tova::GetDsoSym, dso, name);
     return ForwardPointer(call, Tova::GetDsoSym, TOVA_GetDsoSym, dso, name);
 }
 
-int TOVA_UnloadDSo(void* dso) {
+STAND_IN(int, TOVA_UnloadDSo)(void* dso) {
     return Close(Tova::UnloadDSo, Resource::kModule, TOVA_UnloadDSo, dso);
 }
 
-int TOVA_AccessFile(const char* path, int mode) {
+STAND_IN(int, TOVA_AccessFile)(const char* path, int mode) {
     Interception call(Tova::AccessFile, nullptr, path);
     return Forward(call, Tova::AccessFile, TOVA_AccessFile, path, mode);
 }
 
-int TOVA_GetSystemLastError(void) {
+STAND_IN(int, TOVA_GetSystemLastError)(void) {
     Interception call(Tova::GetSystemLastError);
     return Forward(call, Tova::GetSystemLastError, TOVA_GetSystemLastError);
 }
 
-void* TOVA_OpenDir(const char* path) {
+STAND_IN(void*, TOVA_OpenDir)(const char* path) {
     return Open(Tova::OpenDir, Resource::kFolder, path, TOVA_OpenDir, path);
 }
 
-int TOVA_FindFileInDir(void* dir, tova_dirent_t* entry) {
+STAND_IN(int, TOVA_FindFileInDir)(void* dir, tova_dirent_t* entry) {
     Interception call(Tova::FindFileInDir, dir);
     return Forward(call, Tova::FindFileInDir, TOVA_FindFileInDir, dir, entry);
 }
 
-int TOVA_CloseDir(void* dir) {
+STAND_IN(int, TOVA_CloseDir)(void* dir) {
     return Close(Tova::CloseDir, Resource::kFolder, TOVA_CloseDir, dir);
 }
 
-char* TOVA_Strncpy(char* to, const char* from, size_t n) {
+STAND_IN(char*, TOVA_Strncpy)(char* to, const char* from, size_t n) {
     Interception call(Tova::Strncpy, to, from);
     if (call.IsReplaced()) return reinterpret_cast<char*>(call.Result(0));
     return call.Done(CallReal(Tova::Strncpy, TOVA_Strncpy, to, from, n));
 }
-
-}  // extern "C"

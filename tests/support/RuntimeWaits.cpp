@@ -4,19 +4,14 @@
 
 #include "support/RuntimeState.h"
 #include "support/Sync.h"
+#include "support/ThreadEnd.h"
 
 namespace vessa_test {
 namespace {
 
-// Tells of the end of a thread that was in a long wait, however it was started.
-struct ThreadEnd {
-    bool used = false;
-    ~ThreadEnd() {
-        if (used) TheLongWaits().ThreadEnds(std::this_thread::get_id());
-    }
-};
-
-thread_local ThreadEnd thread_end;
+void ThisThreadEnds() {
+    TheLongWaits().ThreadEnds(ThreadId());
+}
 
 }  // namespace
 
@@ -59,7 +54,7 @@ void LongWaits::End() {
 }
 
 LongWaits::Record* LongWaits::Enter(const void* semaphore, unsigned milliseconds) {
-    const std::thread::id self = std::this_thread::get_id();
+    const long self = ThreadId();
     const auto known = std::find_if(records_.begin(), records_.end(), [&](const auto& record) {
         return !record->ended && record->thread == self && record->semaphore == semaphore;
     });
@@ -83,7 +78,7 @@ LongWaits::Record* LongWaits::Enter(const void* semaphore, unsigned milliseconds
 
 int LongWaits::Wait(tova_sem_t* sem, unsigned milliseconds, int error, bool* by_clock) {
     *by_clock = false;
-    thread_end.used = true;
+    TellOfThreadEnd(&ThisThreadEnds);
     std::unique_lock<std::mutex> lock(mutex_);
     Record& record = *Enter(*sem, milliseconds);
     const Stay stay(*this, record);
@@ -92,7 +87,7 @@ int LongWaits::Wait(tova_sem_t* sem, unsigned milliseconds, int error, bool* by_
         // missed between this look and the wait below.
         if (CallReal(Tova::SemTimedWait, TOVA_SemTimedWait, sem, 0U) == 0) return 0;
         if (record.ticked) {
-            errno = error;
+            SetLastSystemError(error);
             return -1;
         }
         if (!active_) {
@@ -109,12 +104,12 @@ void LongWaits::Posted() {
     changed_.notify_all();
 }
 
-void LongWaits::ThreadEnds(std::thread::id thread) {
+void LongWaits::ThreadEnds(long thread) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (const auto& record : records_) {
         if (record->thread != thread || record->ended) continue;
         record->ended = true;
-        record->thread = {};
+        record->thread = 0;
     }
     changed_.notify_all();
 }

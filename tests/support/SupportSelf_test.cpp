@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "TestPlatform.h"
 #include "support/ListFile.h"
 #include "support/Modules.h"
 #include "support/Sync.h"
@@ -38,10 +39,22 @@ TEST(TempDirTest, WritesRenamesAndRemoves) {
     EXPECT_FALSE(world.Exists("b/two"));
     EXPECT_THROW(world.Remove("b"), std::system_error);
     EXPECT_THROW(world.Read("b/two"), std::system_error);
+}
+
+TEST(TempDirTest, MakesLinks) {
+    if (!CanMakeLinks()) GTEST_SKIP() << "no symbolic links for this user on this system";
+    TempDir world;
     world.MakeFolder("c/d");
     world.MakeLink("d", "c/link");
     EXPECT_TRUE(std::filesystem::is_symlink(world.Path("c/link")));
     EXPECT_TRUE(std::filesystem::is_directory(world.Path("c/link")));
+}
+
+TEST(TempDirTest, TakesNamesInUtf8) {
+    TempDir world;
+    const std::string path = world.Write("\u00FC/\u4E2D\u6587", "text");
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::u8path(path)));
+    EXPECT_EQ(world.Read("\u00FC/\u4E2D\u6587"), "text");
 }
 
 TEST(TempDirTest, ReplacesAFileByRename) {
@@ -79,8 +92,8 @@ TEST(ListFileTest, HasItsElementsInOrderAndEscaped) {
 
 TEST(ModulesTest, FindsAndInstallsAModule) {
     TempDir world;
-    const std::string path = Install(world, "good_v2", "tarnet/x.so");
-    EXPECT_EQ(path, world.Path("tarnet/x.so"));
+    const std::string path = Install(world, "good_v2", "tarnet/x" MODULE_SUFFIX);
+    EXPECT_EQ(path, world.Path("tarnet/x" MODULE_SUFFIX));
     EXPECT_EQ(std::filesystem::file_size(path), std::filesystem::file_size(ModulePath("good_v2")));
     EXPECT_THROW(ModulePath("no_such_module"), std::runtime_error);
 }

@@ -1,7 +1,5 @@
 #include "support/TempDir.h"
 
-#include <stdlib.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -11,6 +9,7 @@
 #include <system_error>
 
 #include "support/Allocation.h"
+#include "support/TempDirSystem.h"
 
 namespace vessa_test {
 namespace {
@@ -21,8 +20,13 @@ namespace fs = std::filesystem;
     throw std::system_error(errno, std::generic_category(), path);
 }
 
+// Paths are UTF-8 on every system.
+fs::path ToPath(std::string_view path) {
+    return fs::u8path(path);
+}
+
 void WriteTo(const std::string& path, std::string_view text) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    std::ofstream file(ToPath(path), std::ios::binary | std::ios::trunc);
     file.write(text.data(), static_cast<std::streamsize>(text.size()));
     file.close();
     if (!file) ThrowErrno(path);
@@ -46,19 +50,16 @@ void MakeAccessible(const fs::path& folder) {
 
 }  // namespace
 
-TempDir::TempDir() {
-    std::string path = (fs::canonical(fs::temp_directory_path()) / "vessa-test-XXXXXX").string();
-    if (mkdtemp(path.data()) == nullptr) ThrowErrno(path);
-    path_ = path;
-}
+TempDir::TempDir() : path_(MakeUniqueFolder()) {}
 
 TempDir::~TempDir() {
     AllocationPause pause;
     std::error_code error;
-    fs::remove_all(path_, error);
+    const fs::path path = ToPath(path_);
+    fs::remove_all(path, error);
     if (error) {
-        MakeAccessible(path_);
-        fs::remove_all(path_, error);
+        MakeAccessible(path);
+        fs::remove_all(path, error);
     }
     if (error) std::fprintf(stderr, "%s stays: %s\n", path_.c_str(), error.message().c_str());
 }
@@ -69,7 +70,7 @@ std::string TempDir::Path(std::string_view relative) const {
 
 std::string TempDir::Prepare(std::string_view relative) const {
     const std::string path = Path(relative);
-    fs::create_directories(fs::path(path).parent_path());
+    fs::create_directories(ToPath(path).parent_path());
     return path;
 }
 
@@ -83,51 +84,61 @@ std::string TempDir::WriteByRename(std::string_view relative, std::string_view t
     const std::string path = Prepare(relative);
     const std::string beside = Beside(path);
     WriteTo(beside, text);
-    fs::rename(beside, path);
+    fs::rename(ToPath(beside), ToPath(path));
     return path;
 }
 
 std::string TempDir::MakeFolder(std::string_view relative) {
     const std::string path = Path(relative);
-    fs::create_directories(path);
+    fs::create_directories(ToPath(path));
     return path;
 }
 
 std::string TempDir::MakeLink(std::string_view target, std::string_view relative) {
     const std::string path = Prepare(relative);
-    fs::create_symlink(target, path);
+    MakeSymbolicLink(ToPath(target), ToPath(path));
     return path;
 }
 
 std::string TempDir::CopyFile(const std::string& from, std::string_view relative) {
     const std::string path = Prepare(relative);
     const std::string beside = Beside(path);
-    fs::copy_file(from, beside);
-    fs::rename(beside, path);
+    fs::copy_file(ToPath(from), ToPath(beside));
+    fs::rename(ToPath(beside), ToPath(path));
     return path;
 }
 
 std::string TempDir::Read(std::string_view relative) const {
     const std::string path = Path(relative);
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file(ToPath(path), std::ios::binary);
     if (!file) ThrowErrno(path);
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
 bool TempDir::Exists(std::string_view relative) const {
-    return fs::exists(fs::symlink_status(Path(relative)));
+    return fs::exists(fs::symlink_status(ToPath(Path(relative))));
 }
 
 void TempDir::Remove(std::string_view relative) {
     const std::string path = Path(relative);
-    if (fs::remove_all(path) == 0) {
+    if (fs::remove_all(ToPath(path)) == 0) {
         errno = ENOENT;
         ThrowErrno(path);
     }
 }
 
 void TempDir::Rename(std::string_view from, std::string_view to) {
-    fs::rename(Path(from), Prepare(to));
+    fs::rename(ToPath(Path(from)), ToPath(Prepare(to)));
+}
+
+bool CanMakeLinks() {
+    TempDir world;
+    try {
+        world.MakeLink("nowhere", "link");
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return world.Exists("link");
 }
 
 }  // namespace vessa_test

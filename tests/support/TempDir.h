@@ -7,9 +7,9 @@
 
 namespace vessa_test {
 
-// Every relative path is taken below the folder, with "/" between its parts. The folders that
-// lead to a written name are made. What cannot be done throws std::system_error or
-// std::filesystem::filesystem_error.
+// Every relative path is taken below the folder. All paths are UTF-8 with "/" between their
+// parts, on every system. The folders that lead to a written name are made. What cannot be done
+// throws std::system_error or std::filesystem::filesystem_error.
 class TempDir {
   public:
     TempDir();
@@ -26,7 +26,8 @@ class TempDir {
     std::string Write(std::string_view relative, std::string_view text);
     std::string WriteByRename(std::string_view relative, std::string_view text);
     std::string MakeFolder(std::string_view relative);
-    // target as it is to stand in the link: absolute, or relative to the link's folder.
+    // target as it is to stand in the link: absolute, or relative to the link's folder. On
+    // Windows a link is to a file or to a folder, as the target is then. See CanMakeLinks.
     std::string MakeLink(std::string_view target, std::string_view relative);
     // Puts a copy of an absolute path under the name at once, over what was there.
     std::string CopyFile(const std::string& from, std::string_view relative);
@@ -42,6 +43,10 @@ class TempDir {
 
     std::string path_;
 };
+
+// Whether MakeLink works for this user on this system. A test about links cannot do without:
+// if (!CanMakeLinks()) GTEST_SKIP() << "no symbolic links here";
+bool CanMakeLinks();
 
 }  // namespace vessa_test
 
