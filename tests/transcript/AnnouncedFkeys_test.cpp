@@ -1,6 +1,7 @@
 // What the fkeys write that a module announces by itself.
 #include <gtest/gtest.h>
 
+#include "TestPlatform.h"
 #include "transcript/Transcript.h"
 
 namespace {
@@ -31,8 +32,8 @@ std::string SamePath(const std::string& fkey, const std::string& registered,
 class AnnouncedFkeys : public testing::Test {
   protected:
     void Declare(const std::string& module) {
-        module_ = Install(world_.dir, module, module + ".so");
-        text_ = ListFile().Plugin("p", "./" + module + ".so", Announcing()).Text();
+        module_ = Install(world_.dir, module, module + MODULE_SUFFIX);
+        text_ = ListFile().Plugin("p", "./" + module + MODULE_SUFFIX, Announcing()).Text();
         list_ = world_.dir.Write("tarnet.xml", text_);
         p_ = {"p", module_, list_};
         other_ = world_.dir.Write("z/tarnet.xml", ListFile().Text());
@@ -163,10 +164,10 @@ TEST_F(AnnouncedFkeys, OneThatIsAnnouncedTwiceIsRegisteredOnce) {
 }
 
 TEST_F(AnnouncedFkeys, ADelayLoadedPluginIsNotAsked) {
-    const std::string module = Install(world_.dir, "map_two", "map_two.so");
+    const std::string module = Install(world_.dir, "map_two", "map_two" MODULE_SUFFIX);
     const std::string text =
         ListFile()
-            .Plugin("p", "./map_two.so", {{"delayload", "true"}, {"loadfkeys", "true"}})
+            .Plugin("p", "./map_two" MODULE_SUFFIX, {{"delayload", "true"}, {"loadfkeys", "true"}})
             .Text();
     const Declared p{"p", module, world_.dir.Write("tarnet.xml", text), true};
     ASSERT_TRUE(world_.coordinator.Run());
@@ -175,8 +176,8 @@ TEST_F(AnnouncedFkeys, ADelayLoadedPluginIsNotAsked) {
 }
 
 TEST_F(AnnouncedFkeys, APluginWhoseModuleDidNotLoadIsReported) {
-    const std::string module = world_.dir.Path("gone.so");
-    const std::string text = ListFile().Plugin("p", "./gone.so", Announcing()).Text();
+    const std::string module = world_.dir.Path("gone" MODULE_SUFFIX);
+    const std::string text = ListFile().Plugin("p", "./gone" MODULE_SUFFIX, Announcing()).Text();
     const Declared p{"p", module, world_.dir.Write("tarnet.xml", text)};
     const std::string code = "-2147483646/FFFFFFFF80000002";
     ASSERT_TRUE(world_.coordinator.Run());
@@ -187,7 +188,8 @@ TEST_F(AnnouncedFkeys, APluginWhoseModuleDidNotLoadIsReported) {
                   p, ModuleIsLookedAt(module) +
                          Lines{"5 plugin file does not exist, file path " + module,
                                "5 load plugin dso failed, error " + code +
-                                   ", filename gone.so, folder path gone.so"} +
+                                   ", filename gone" MODULE_SUFFIX
+                                   ", folder path gone" MODULE_SUFFIX} +
                          LoadFails(module, code) +
                          Lines{"5 load plugin failed " + code + ", fkey p, file path " + module}) +
               Lines{"2 param fkey = p",
@@ -198,8 +200,8 @@ TEST_F(AnnouncedFkeys, APluginWhoseModuleDidNotLoadIsReported) {
 TEST_F(AnnouncedFkeys, APluginThatWasRefusedIsAskedUnderItsFkeyAllTheSame) {
     Declare("map_two");
     world_.Start();
-    const std::string module = Install(world_.dir, "good_v2", "late/late.so");
-    const std::string text = ListFile().Plugin("p", "./late.so", Announcing()).Text();
+    const std::string module = Install(world_.dir, "good_v2", "late/late" MODULE_SUFFIX);
+    const std::string text = ListFile().Plugin("p", "./late" MODULE_SUFFIX, Announcing()).Text();
     const std::string list = world_.dir.Write("late/tarnet.xml", text);
     const auto refused = [&](const std::string& fkey) {
         return IsRefused(

@@ -1,6 +1,7 @@
 // What registry conflicts and instance conflicts write.
 #include <gtest/gtest.h>
 
+#include "TestPlatform.h"
 #include "transcript/Transcript.h"
 
 namespace {
@@ -17,10 +18,12 @@ ListFile::Attributes Delayed() {
 
 TEST(Conflict, OfOneFkeyInTwoListFilesIsTriedTwiceInEachRound) {
     World world;
-    const std::string first_module = Install(world.dir, "good_v2", "a/one.so");
-    const std::string second_module = Install(world.dir, "good_v2", "b/two.so");
-    const std::string first_text = ListFile().Plugin("codec", "./one.so", Delayed()).Text();
-    const std::string second_text = ListFile().Plugin("codec", "./two.so", Delayed()).Text();
+    const std::string first_module = Install(world.dir, "good_v2", "a/one" MODULE_SUFFIX);
+    const std::string second_module = Install(world.dir, "good_v2", "b/two" MODULE_SUFFIX);
+    const std::string first_text =
+        ListFile().Plugin("codec", "./one" MODULE_SUFFIX, Delayed()).Text();
+    const std::string second_text =
+        ListFile().Plugin("codec", "./two" MODULE_SUFFIX, Delayed()).Text();
     const Declared first{"codec", first_module, world.dir.Write("a/tarnet.xml", first_text), true};
     const Declared second{"codec", second_module, world.dir.Write("b/tarnet.xml", second_text),
                           true};
@@ -49,11 +52,11 @@ TEST(Conflict, OfOneFkeyInTwoListFilesIsTriedTwiceInEachRound) {
 
 TEST(Conflict, OfOneFileNameInTwoFoldersIsRefused) {
     World world;
-    const std::string first_module = Install(world.dir, "good_v2", "a/codec.so");
-    const std::string second_module = Install(world.dir, "good_v2", "b/codec.so");
+    const std::string first_module = Install(world.dir, "good_v2", "a/codec" MODULE_SUFFIX);
+    const std::string second_module = Install(world.dir, "good_v2", "b/codec" MODULE_SUFFIX);
     const std::string text = ListFile()
-                                 .Plugin("one", "./a/codec.so", Delayed())
-                                 .Plugin("two", "./b/codec.so", Delayed())
+                                 .Plugin("one", "./a/codec" MODULE_SUFFIX, Delayed())
+                                 .Plugin("two", "./b/codec" MODULE_SUFFIX, Delayed())
                                  .Text();
     const std::string list = world.dir.Write("tarnet.xml", text);
     const Declared one{"one", first_module, list, true};
@@ -77,11 +80,11 @@ TEST(Conflict, OfOneFileNameInTwoFoldersIsRefused) {
 
 TEST(Conflict, OfOneFkeyTwiceInOneListFileIgnoresTheSecond) {
     World world;
-    const std::string first_module = Install(world.dir, "good_v2", "one.so");
-    const std::string second_module = Install(world.dir, "good_v2", "two.so");
+    const std::string first_module = Install(world.dir, "good_v2", "one" MODULE_SUFFIX);
+    const std::string second_module = Install(world.dir, "good_v2", "two" MODULE_SUFFIX);
     const std::string text = ListFile()
-                                 .Plugin("codec", "./one.so", Delayed())
-                                 .Plugin("codec", "./two.so", Delayed())
+                                 .Plugin("codec", "./one" MODULE_SUFFIX, Delayed())
+                                 .Plugin("codec", "./two" MODULE_SUFFIX, Delayed())
                                  .Text();
     const std::string list = world.dir.Write("tarnet.xml", text);
 
@@ -97,7 +100,7 @@ TEST(Conflict, OfOneFkeyTwiceInOneListFileIgnoresTheSecond) {
 
 TEST(Conflict, OneFkeyWithOneModuleInTwoListFilesIsAcceptedTwice) {
     World world;
-    const std::string module = Install(world.dir, "good_v2", "m/codec.so");
+    const std::string module = Install(world.dir, "good_v2", "m/codec" MODULE_SUFFIX);
     const std::string text = ListFile().Plugin("codec", module, Delayed()).Text();
     const Declared first{"codec", module, world.dir.Write("a/tarnet.xml", text), true};
     const Declared second{"codec", module, world.dir.Write("b/tarnet.xml", text), true};
@@ -121,7 +124,7 @@ TEST(Conflict, OneFkeyWithOneModuleInTwoListFilesIsAcceptedTwice) {
 
 TEST(Conflict, AFailedUnregistrationBecauseOfAListFileIsAnError) {
     World world;
-    const std::string module = Install(world.dir, "good_v2", "m/codec.so");
+    const std::string module = Install(world.dir, "good_v2", "m/codec" MODULE_SUFFIX);
     const std::string text = ListFile().Plugin("codec", module, Delayed()).Text();
     const Declared first{"codec", module, world.dir.Write("a/tarnet.xml", text), true};
     const Declared second{"codec", module, world.dir.Write("b/tarnet.xml", text), true};
@@ -151,10 +154,11 @@ TEST(Conflict, APathWithoutAFileNameIsRefusedInEachRound) {
 
 TEST(Conflict, OfAnInstanceDestroysTheSecondOne) {
     World world;
-    const std::string module = Install(world.dir, "same_instance", "same_instance.so");
+    const std::string module = Install(world.dir, "same_instance", "same_instance" MODULE_SUFFIX);
     const Declared only{
         "only", module,
-        world.dir.Write("tarnet.xml", ListFile().Plugin("only", "./same_instance.so").Text())};
+        world.dir.Write("tarnet.xml",
+                        ListFile().Plugin("only", "./same_instance" MODULE_SUFFIX).Text())};
     world.Start();
     void* const first = world.Create("only");
     world.log.Clear();

@@ -1,6 +1,7 @@
 // What is written when a plug-in goes while instances of it live.
 #include <gtest/gtest.h>
 
+#include "TestPlatform.h"
 #include "transcript/Transcript.h"
 
 namespace {
@@ -13,8 +14,8 @@ using vessa_test::ListFile;
 class DeferredUnload : public testing::Test {
   protected:
     DeferredUnload() {
-        module_ = Install(world_.dir, "good_v2", "codec.so");
-        text_ = ListFile().Plugin("codec", "./codec.so").Text();
+        module_ = Install(world_.dir, "good_v2", "codec" MODULE_SUFFIX);
+        text_ = ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text();
         codec_ = {"codec", module_, world_.dir.Write("tarnet.xml", text_)};
         world_.dir.Write("z/tarnet.xml", ListFile().Text());
         world_.Start();
@@ -108,8 +109,8 @@ TEST_F(DeferredUnload, ARegistrationBeforeTheUnloadKeepsTheModule) {
 
 TEST_F(DeferredUnload, ARegistrationOfAnotherModuleBeforeTheUnloadIsRefused) {
     RemoveFile();
-    const std::string other = Install(world_.dir, "good_v2", "other.so");
-    const std::string text = ListFile().Plugin("codec", "./other.so").Text();
+    const std::string other = Install(world_.dir, "good_v2", "other" MODULE_SUFFIX);
+    const std::string text = ListFile().Plugin("codec", "./other" MODULE_SUFFIX).Text();
     world_.dir.Write("tarnet.xml", text);
     const Lines refused =
         IsRefused({"codec", other, codec_.list}, "-2147483635/FFFFFFFF8000000D",
@@ -154,7 +155,7 @@ TEST_F(DeferredUnload, TheStopLeavesLiveInstancesToTheirOwner) {
 }
 
 TEST_F(DeferredUnload, ASharedModuleStaysForTheOthers) {
-    const std::string text = ListFile().Plugin("second", "../codec.so").Text();
+    const std::string text = ListFile().Plugin("second", "../codec" MODULE_SUFFIX).Text();
     const Declared second{"second", module_, world_.dir.Write("z/tarnet.xml", text)};
     world_.Scan();
     EXPECT_TRUE(world_.log.Is(Round(

@@ -2,6 +2,7 @@
 // stands all the same.
 #include <gtest/gtest.h>
 
+#include "TestPlatform.h"
 #include "transcript/Transcript.h"
 
 namespace {
@@ -24,8 +25,8 @@ class FailingLoad : public testing::Test {
     }
 
     void DeclareModule(const std::string& module) {
-        Install(world_.dir, module, module + ".so");
-        Declare(module + ".so");
+        Install(world_.dir, module, module + MODULE_SUFFIX);
+        Declare(module + MODULE_SUFFIX);
     }
 
     // The registration with this load, which failed with this code.
@@ -63,7 +64,7 @@ class FailingLoad : public testing::Test {
 };
 
 TEST_F(FailingLoad, OfAFileThatDoesNotExist) {
-    Declare("codec.so");
+    Declare("codec" MODULE_SUFFIX);
     ExpectStart(Registered(ModuleIsLookedAt(path()) +
                                Lines{"5 plugin file does not exist, file path " + path()} +
                                RefusedFile(kNoFile),
@@ -71,8 +72,8 @@ TEST_F(FailingLoad, OfAFileThatDoesNotExist) {
 }
 
 TEST_F(FailingLoad, OfAFileThatIsNoModule) {
-    world_.dir.Write("codec.so", "no module");
-    Declare("codec.so");
+    world_.dir.Write("codec" MODULE_SUFFIX, "no module");
+    Declare("codec" MODULE_SUFFIX);
     ExpectStart(Registered(
         ModuleIsLookedAt(path()) +
             Lines{"5 TOVA_LoadDso failed, error {*}/{*}, plugin path " + path(),
@@ -158,7 +159,7 @@ TEST_F(FailingLoad, OfAModuleWhoseInitThrows) {
 }
 
 TEST_F(FailingLoad, IsTriedAgainWithTheFirstInstance) {
-    Declare("codec.so");
+    Declare("codec" MODULE_SUFFIX);
     world_.Start();
     const std::string load_failed = std::string("5 load plugin failed ") + kNoFile;
     void* instance = nullptr;
@@ -174,7 +175,7 @@ TEST_F(FailingLoad, IsTriedAgainWithTheFirstInstance) {
 
     // The module has arrived meanwhile.
     world_.log.Clear();
-    Install(world_.dir, "good_v2", "codec.so");
+    Install(world_.dir, "good_v2", "codec" MODULE_SUFFIX);
     void* const created = world_.Create("codec");
     EXPECT_TRUE(world_.log.Is(InstanceIsCreated(plugin_, 1, ModuleIsLoaded(path()))));
     EXPECT_EQ(world_.Destroy(created), 0);
@@ -192,10 +193,10 @@ TEST_F(FailingLoad, DoesNotConcernWhatIsOptional) {
                                "GetAllInterfaceIkeys 0, GetFileVersion {*},",
                            "3 load plugin succeeded, plugin handle " + Handle(path()) +
                                ", plugin folder " + world_.Root() +
-                               ", plugin filename no_version.so, plugin file version , interface "
-                               "ikeys [iface]",
-                           "3 load plugin succeeded, plugin filename no_version.so, reference "
-                           "counter 1, plugin path " +
+                               ", plugin filename no_version" MODULE_SUFFIX
+                               ", plugin file version , interface ikeys [iface]",
+                           "3 load plugin succeeded, plugin filename no_version" MODULE_SUFFIX
+                           ", reference counter 1, plugin path " +
                                path(),
                            "3 load plugin succeeded, plugin " + Object(path()) +
                                ", plugin file path " + path()}));
@@ -208,7 +209,7 @@ TEST_F(FailingLoad, IsNoneWhenTheModuleListsNoInterfaces) {
 
 // The file name stays taken after a failed Uninit, so it is one that no other test uses.
 TEST_F(FailingLoad, AFailingUninitIsReportedAndTheStopGoesOn) {
-    const std::string name = Name(world_.Root()) + ".so";
+    const std::string name = Name(world_.Root()) + MODULE_SUFFIX;
     Install(world_.dir, "uninit_fails", name);
     Declare(name);
     world_.Start();

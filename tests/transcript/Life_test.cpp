@@ -1,6 +1,7 @@
 // What a start and a stop write, and one plug-in through its whole life.
 #include <gtest/gtest.h>
 
+#include "TestPlatform.h"
 #include "transcript/Transcript.h"
 
 namespace {
@@ -90,8 +91,8 @@ TEST(Life, ASecondStartAndASecondStopDoNothing) {
 TEST(Life, OnePluginFromTheStartToTheStop) {
     World world;
     const std::string root = world.Root();
-    const std::string module = Install(world.dir, "good_v2", "codec.so");
-    const std::string text = ListFile().Plugin("codec", "./codec.so").Text();
+    const std::string module = Install(world.dir, "good_v2", "codec" MODULE_SUFFIX);
+    const std::string text = ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text();
     const std::string list = world.dir.Write("tarnet.xml", text);
 
     ASSERT_TRUE(world.coordinator.Run());
@@ -115,8 +116,8 @@ TEST(Life, OnePluginFromTheStartToTheStop) {
         "3 param fkey codec, file_path " + module + ", delay_load false",
         "3 param file_path = " + module,
         "3 param file_path = " + module,
-        "3 filename_ = codec.so, folder_path_ = " + root + ", file_path_ = " + module,
-        "3 param filename = codec.so, folder_path = " + root,
+        "3 filename_ = codec" MODULE_SUFFIX ", folder_path_ = " + root + ", file_path_ = " + module,
+        "3 param filename = codec" MODULE_SUFFIX ", folder_path = " + root,
         "3 plugin file path " + module,
         "3 load plugin rlt 0/0, plugin dso handle {*dso}",
         "3 param plugin_handle = {*dso}",
@@ -124,8 +125,10 @@ TEST(Life, OnePluginFromTheStartToTheStop) {
         "{*3},DestroyInstance {*4}, QueryInterface {*5}, GetAllInterfaceIkeys {*6}, "
         "GetFileVersion {*7},",
         "3 load plugin succeeded, plugin handle {*dso}, plugin folder " + root +
-            ", plugin filename codec.so, plugin file version 1.2.3 test, interface ikeys [iface]",
-        "3 load plugin succeeded, plugin filename codec.so, reference counter 1, plugin path " +
+            ", plugin filename codec" MODULE_SUFFIX
+            ", plugin file version 1.2.3 test, interface ikeys [iface]",
+        "3 load plugin succeeded, plugin filename codec" MODULE_SUFFIX
+        ", reference counter 1, plugin path " +
             module,
         "3 load plugin succeeded, plugin {*plugin}, plugin file path " + module,
         "3 register plugin succeeded, fkey codec, file path " + module + ", delay load false",
@@ -160,7 +163,7 @@ TEST(Life, OnePluginFromTheStartToTheStop) {
         "3 param fkey = codec",
         "3 param dso_handle = {*dso}",
         "3 unload plugin succeeded, plugin {*plugin}, plugin reference 0, plugin filename "
-        "codec.so, plugin file path " +
+        "codec" MODULE_SUFFIX ", plugin file path " +
             module,
         "3 unload plugin succeeded, plugin {*plugin}, plugin file path " + module,
         "3 unregister plugin succeeded, fkey codec, file path " + module + ", delay load false",
@@ -172,9 +175,9 @@ TEST(Life, OnePluginFromTheStartToTheStop) {
 
 TEST(Life, ADelayLoadedPluginIsLoadedByItsFirstInstance) {
     World world;
-    const std::string module = Install(world.dir, "good_v2", "codec.so");
+    const std::string module = Install(world.dir, "good_v2", "codec" MODULE_SUFFIX);
     const std::string text =
-        ListFile().Plugin("codec", "./codec.so", {{"delayload", "true"}}).Text();
+        ListFile().Plugin("codec", "./codec" MODULE_SUFFIX, {{"delayload", "true"}}).Text();
     const Declared codec{"codec", module, world.dir.Write("tarnet.xml", text), true};
 
     ASSERT_TRUE(world.coordinator.Run());
@@ -192,11 +195,12 @@ TEST(Life, ADelayLoadedPluginIsLoadedByItsFirstInstance) {
 
 TEST(Life, ADelayLoadedPluginThatNobodyUsedIsNeverLoaded) {
     World world;
-    const std::string module = Install(world.dir, "good_v2", "codec.so");
+    const std::string module = Install(world.dir, "good_v2", "codec" MODULE_SUFFIX);
     const Declared codec{
         "codec", module,
-        world.dir.Write("tarnet.xml",
-                        ListFile().Plugin("codec", "./codec.so", {{"delayload", "true"}}).Text()),
+        world.dir.Write(
+            "tarnet.xml",
+            ListFile().Plugin("codec", "./codec" MODULE_SUFFIX, {{"delayload", "true"}}).Text()),
         true};
     world.Start();
     ASSERT_TRUE(world.coordinator.Shutdown());
@@ -205,8 +209,8 @@ TEST(Life, ADelayLoadedPluginThatNobodyUsedIsNeverLoaded) {
 
 TEST(Life, AStartAfterAStopReportsEveryFileAgain) {
     World world;
-    const std::string module = Install(world.dir, "good_v2", "codec.so");
-    const std::string text = ListFile().Plugin("codec", "./codec.so").Text();
+    const std::string module = Install(world.dir, "good_v2", "codec" MODULE_SUFFIX);
+    const std::string text = ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text();
     const Declared codec{"codec", module, world.dir.Write("tarnet.xml", text)};
     world.Start();
     ASSERT_TRUE(world.coordinator.Shutdown());
@@ -220,7 +224,7 @@ TEST(Life, AStartAfterAStopReportsEveryFileAgain) {
 
 TEST(Life, ListsAreReadInScanOrderAndPluginsRegisteredInTheOrderOfTheirKeys) {
     World world;
-    const std::string module = Install(world.dir, "good_v2", "m/codec.so");
+    const std::string module = Install(world.dir, "good_v2", "m/codec" MODULE_SUFFIX);
     const std::string inner_text = ListFile().Plugin("a", module, {{"delayload", "true"}}).Text();
     const std::string outer_text = ListFile()
                                        .Plugin("ab", module, {{"delayload", "true"}})

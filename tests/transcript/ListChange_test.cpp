@@ -1,12 +1,16 @@
 // What each kind of change of a list file writes.
 #include <gtest/gtest.h>
 
+#include "TestPlatform.h"
 #include "transcript/Transcript.h"
+#include "unit/LoggedCode.h"
 
 namespace {
 
 using namespace transcript;
+using vessa_test::Code;
 using vessa_test::Install;
+using vessa_test::kErrorIo;
 using vessa_test::ListFile;
 
 ListFile::Attributes Delayed() {
@@ -17,8 +21,9 @@ ListFile::Attributes Delayed() {
 class ListChange : public testing::Test {
   protected:
     ListChange() {
-        module_ = Install(world_.dir, "good_v2", "codec.so");
-        list_ = world_.dir.Write("tarnet.xml", ListFile().Plugin("codec", "./codec.so").Text());
+        module_ = Install(world_.dir, "good_v2", "codec" MODULE_SUFFIX);
+        list_ = world_.dir.Write("tarnet.xml",
+                                 ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text());
         codec_ = {"codec", module_, list_};
         world_.dir.Write("z/tarnet.xml", ListFile().Text());
         world_.Start();
@@ -36,33 +41,33 @@ TEST_F(ListChange, NoneWritesNothing) {
 }
 
 TEST_F(ListChange, AnAddedFileRegisters) {
-    const std::string module = Install(world_.dir, "good_v1", "new/other.so");
-    const std::string text = ListFile().Plugin("other", "./other.so").Text();
+    const std::string module = Install(world_.dir, "good_v1", "new/other" MODULE_SUFFIX);
+    const std::string text = ListFile().Plugin("other", "./other" MODULE_SUFFIX).Text();
     const Declared other{"other", module, world_.dir.Write("new/tarnet.xml", text)};
     world_.Scan();
-    EXPECT_TRUE(world_.log.Is(Round(
-        ListIsRead(other.list, text, {module}) +
-        IsRegistered(
-            other,
-            ModuleIsMapped(module) +
-                Lines{"3 tarnet_handle " + Handle(module) +
-                          ",Init {*}, Unint {*}, CreateInstance {*}, CreateInstance_V2 "
-                          "{*},DestroyInstance {*}, QueryInterface {*}, GetAllInterfaceIkeys "
-                          "{*}, GetFileVersion 0,",
-                      "3 load plugin succeeded, plugin handle " + Handle(module) +
-                          ", plugin folder " + Folder(module) +
-                          ", plugin filename other.so, plugin file version 1.2.3 test, interface "
-                          "ikeys [iface]",
-                      "3 load plugin succeeded, plugin filename other.so, reference counter 1, "
-                      "plugin path " +
-                          module,
-                      "3 load plugin succeeded, plugin " + Object(module) + ", plugin file path " +
-                          module}))));
+    EXPECT_TRUE(world_.log.Is(
+        Round(ListIsRead(other.list, text, {module}) +
+              IsRegistered(
+                  other,
+                  ModuleIsMapped(module) +
+                      Lines{"3 tarnet_handle " + Handle(module) +
+                                ",Init {*}, Unint {*}, CreateInstance {*}, CreateInstance_V2 "
+                                "{*},DestroyInstance {*}, QueryInterface {*}, GetAllInterfaceIkeys "
+                                "{*}, GetFileVersion 0,",
+                            "3 load plugin succeeded, plugin handle " + Handle(module) +
+                                ", plugin folder " + Folder(module) +
+                                ", plugin filename other" MODULE_SUFFIX
+                                ", plugin file version 1.2.3 test, interface ikeys [iface]",
+                            "3 load plugin succeeded, plugin filename other" MODULE_SUFFIX
+                            ", reference counter 1, plugin path " +
+                                module,
+                            "3 load plugin succeeded, plugin " + Object(module) +
+                                ", plugin file path " + module}))));
 }
 
 TEST_F(ListChange, ARemovedFkeyGoesBeforeAnAddedOneComes) {
-    const std::string module = Install(world_.dir, "good_v2", "other.so");
-    const std::string text = ListFile().Plugin("another", "./other.so").Text();
+    const std::string module = Install(world_.dir, "good_v2", "other" MODULE_SUFFIX);
+    const std::string text = ListFile().Plugin("another", "./other" MODULE_SUFFIX).Text();
     world_.dir.Write("tarnet.xml", text);
     world_.Scan();
     EXPECT_TRUE(world_.log.Is(Round(
@@ -71,7 +76,7 @@ TEST_F(ListChange, ARemovedFkeyGoesBeforeAnAddedOneComes) {
 }
 
 TEST_F(ListChange, OneModuleCanGoFromOneFkeyToAnotherInOneRound) {
-    const std::string text = ListFile().Plugin("renamed", "./codec.so").Text();
+    const std::string text = ListFile().Plugin("renamed", "./codec" MODULE_SUFFIX).Text();
     world_.dir.Write("tarnet.xml", text);
     world_.Scan();
     // It is unmapped and mapped again: another object, maybe another handle.
@@ -80,15 +85,15 @@ TEST_F(ListChange, OneModuleCanGoFromOneFkeyToAnotherInOneRound) {
         IsUnregistered(codec_,
                        {"3 param dso_handle = {*}",
                         "3 unload plugin succeeded, plugin {*was}, plugin reference 0, plugin "
-                        "filename codec.so, plugin file path " +
+                        "filename codec" MODULE_SUFFIX ", plugin file path " +
                             module_,
                         "3 unload plugin succeeded, plugin {*was}, plugin file path " + module_}) +
         IsRegistered({"renamed", module_, list_}, ModuleIsLoaded(module_)))));
 }
 
 TEST_F(ListChange, AnotherPathOfAKeptFkeyIsOnlyReported) {
-    const std::string module = Install(world_.dir, "good_v2", "other.so");
-    std::string text = ListFile().Plugin("codec", "./other.so").Text();
+    const std::string module = Install(world_.dir, "good_v2", "other" MODULE_SUFFIX);
+    std::string text = ListFile().Plugin("codec", "./other" MODULE_SUFFIX).Text();
     world_.dir.Write("tarnet.xml", text);
     world_.Scan();
     EXPECT_TRUE(world_.log.Is(
@@ -103,7 +108,7 @@ TEST_F(ListChange, AnotherPathOfAKeptFkeyIsOnlyReported) {
     EXPECT_EQ(world_.Destroy(instance), 0);
 
     // The list has the new path by now, so a second rewrite has nothing to report.
-    text = ListFile().Plugin("codec", "./other.so", {{"vendor", "x"}}).Text();
+    text = ListFile().Plugin("codec", "./other" MODULE_SUFFIX, {{"vendor", "x"}}).Text();
     world_.dir.Write("tarnet.xml", text);
     world_.Scan();
     EXPECT_TRUE(world_.log.Is(Round(ListIsRead(list_, text, {module}))));
@@ -115,10 +120,10 @@ TEST_F(ListChange, AnotherPathOfAKeptFkeyIsOnlyReported) {
 }
 
 TEST_F(ListChange, OtherAttributesOfAKeptFkeyChangeNothing) {
-    const std::string text =
-        ListFile()
-            .Plugin("codec", "./codec.so", {{"delayload", "true"}, {"loadfkeys", "true"}})
-            .Text();
+    const std::string text = ListFile()
+                                 .Plugin("codec", "./codec" MODULE_SUFFIX,
+                                         {{"delayload", "true"}, {"loadfkeys", "true"}})
+                                 .Text();
     world_.dir.Write("tarnet.xml", text);
     world_.Scan();
     EXPECT_TRUE(world_.log.Is(Round(ListIsRead(list_, text, {module_}))));
@@ -179,8 +184,9 @@ TEST_F(ListChange, AnAddedFileThatDoesNotParseStaysUnknown) {
     })));
 
     // Rewritten: changed for the scan, still new for the coordinator.
-    const std::string module = Install(world_.dir, "good_v2", "y/late.so");
-    const std::string repaired = ListFile().Plugin("late", "./late.so", Delayed()).Text();
+    const std::string module = Install(world_.dir, "good_v2", "y/late" MODULE_SUFFIX);
+    const std::string repaired =
+        ListFile().Plugin("late", "./late" MODULE_SUFFIX, Delayed()).Text();
     world_.dir.Write("y/tarnet.xml", repaired);
     world_.Scan();
     EXPECT_TRUE(world_.log.Is(Round(
@@ -216,8 +222,8 @@ TEST_F(ListChange, TheDeletionOfTheLastFileIsReportedWhenThereIsOneAgain) {
     EXPECT_EQ(world_.Destroy(world_.Create("codec")), 0);
 
     // The added file is read first; what goes still goes first.
-    const std::string module = Install(world_.dir, "good_v2", "y/late.so");
-    const std::string text = ListFile().Plugin("late", "./late.so").Text();
+    const std::string module = Install(world_.dir, "good_v2", "y/late" MODULE_SUFFIX);
+    const std::string text = ListFile().Plugin("late", "./late" MODULE_SUFFIX).Text();
     const Declared late{"late", module, world_.dir.Write("y/tarnet.xml", text)};
     world_.Scan();
     EXPECT_TRUE(world_.log.Is(Round(ListIsRead(late.list, text, {module}) +
@@ -226,10 +232,12 @@ TEST_F(ListChange, TheDeletionOfTheLastFileIsReportedWhenThereIsOneAgain) {
 }
 
 TEST_F(ListChange, ChangesOfOneScanAreAppliedTogether) {
-    const std::string module = Install(world_.dir, "good_v2", "a/new.so");
-    const std::string added_text = ListFile().Plugin("new", "./new.so", Delayed()).Text();
+    const std::string module = Install(world_.dir, "good_v2", "a/new" MODULE_SUFFIX);
+    const std::string added_text =
+        ListFile().Plugin("new", "./new" MODULE_SUFFIX, Delayed()).Text();
     const std::string added = world_.dir.Write("a/tarnet.xml", added_text);
-    const std::string changed_text = ListFile().Plugin("late", "../a/new.so", Delayed()).Text();
+    const std::string changed_text =
+        ListFile().Plugin("late", "../a/new" MODULE_SUFFIX, Delayed()).Text();
     const std::string changed = world_.dir.Write("z/tarnet.xml", changed_text);
     world_.dir.Remove("tarnet.xml");
     world_.Scan();
@@ -247,8 +255,9 @@ TEST_F(ListChange, AFailedScanComparesNothing) {
     world_.dir.Remove("tarnet.xml");
     world_.runtime.FailCall(vessa_test::Tova::OpenDir, 2);
     world_.Scan();
-    EXPECT_TRUE(world_.log.Is({"5 tova open dir failed 5/5, folder path " + world_.Root() + "/z",
-                               "5 find config file recursive failed"}));
+    EXPECT_TRUE(world_.log.Is(
+        {"5 tova open dir failed " + Code(kErrorIo) + ", folder path " + world_.Root() + "/z",
+         "5 find config file recursive failed"}));
     world_.Scan();
     EXPECT_TRUE(world_.log.Is(Round(IsUnregistered(codec_, ModuleIsUnloaded(module_)))));
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/ListFile.h"
 #include "support/LogCapture.h"
 #include "support/ModuleHook.h"
@@ -40,7 +41,7 @@ class AnnouncedFkeys : public testing::Test {
     // The fkeys of a registered plug-in of this module.
     Strings Of(const std::string& module) {
         item_.fkey = "p";
-        item_.file_path = Install(dir_, module, module + ".so");
+        item_.file_path = Install(dir_, module, module + MODULE_SUFFIX);
         item_.load_fkeys = true;
         item_.config_file_path = "/list";
         item_.attributes = {{"fkey", "p"}, {"vendor", "v"}};
@@ -197,11 +198,11 @@ TEST_F(AnnouncedFkeys, OneItemThatFailsDoesNotStopTheOthers) {
 class AnnouncedRegistrations : public AnnouncedFkeys {
   protected:
     void Start(const std::string& module, const ListFile::Attributes& more = {}) {
-        module_ = Install(dir_, module, module + ".so");
+        module_ = Install(dir_, module, module + MODULE_SUFFIX);
         ListFile::Attributes attributes = {{"loadfkeys", "true"}};
         attributes.insert(attributes.end(), more.begin(), more.end());
-        list_ = dir_.Write("tarnet.xml",
-                           ListFile().Plugin("p", "./" + module + ".so", attributes).Text());
+        list_ = dir_.Write(
+            "tarnet.xml", ListFile().Plugin("p", "./" + module + MODULE_SUFFIX, attributes).Text());
         dir_.Write("z/tarnet.xml", ListFile().Text());
         ASSERT_TRUE(coordinator_.Run());
     }
@@ -266,7 +267,7 @@ TEST_F(AnnouncedRegistrations, OnesThatAreNotAnnouncedAgainStayUntilTheStop) {
 TEST_F(AnnouncedRegistrations, TheyStayWhenTheListDoesNotAskForThemAnyMore) {
     Announce({"q"});
     Start("map_two");
-    dir_.Write("tarnet.xml", ListFile().Plugin("p", "./map_two.so").Text());
+    dir_.Write("tarnet.xml", ListFile().Plugin("p", "./map_two" MODULE_SUFFIX).Text());
     ASSERT_TRUE(runtime_.Tick());
     dir_.Remove("tarnet.xml");
     ASSERT_TRUE(runtime_.Tick());
@@ -276,11 +277,11 @@ TEST_F(AnnouncedRegistrations, TheyStayWhenTheListDoesNotAskForThemAnyMore) {
 
 TEST_F(AnnouncedRegistrations, ADeclaredOneGoesWithTheAnnouncement) {
     Announce({"b"});
-    module_ = Install(dir_, "map_two", "map_two.so");
+    module_ = Install(dir_, "map_two", "map_two" MODULE_SUFFIX);
     const auto text = [](bool with_p) {
         ListFile list;
-        list.Plugin("b", "./map_two.so");
-        if (with_p) list.Plugin("p", "./map_two.so", {{"loadfkeys", "true"}});
+        list.Plugin("b", "./map_two" MODULE_SUFFIX);
+        if (with_p) list.Plugin("p", "./map_two" MODULE_SUFFIX, {{"loadfkeys", "true"}});
         return list.Text();
     };
     list_ = dir_.Write("tarnet.xml", text(true));

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/Allocation.h"
 #include "support/ListFile.h"
 #include "support/LogCapture.h"
@@ -68,7 +69,7 @@ class World {
         coordinator_.SetConfigFilename("tarnet.xml");
         for (const char* const name : {"one", "two", "map_two"})
             Install(dir_, name == std::string("map_two") ? name : "good_v2",
-                    std::string(name) + ".so");
+                    std::string(name) + MODULE_SUFFIX);
         list_ = dir_.Path("list.xml");
         EXPECT_TRUE(coordinator_.Run());
     }
@@ -164,14 +165,14 @@ class World {
 
 ListFile First() {
     return ListFile()
-        .Plugin("p", "./map_two.so", {{"loadfkeys", "true"}})
-        .Plugin("x", "./one.so", {{"delayload", "true"}});
+        .Plugin("p", "./map_two" MODULE_SUFFIX, {{"loadfkeys", "true"}})
+        .Plugin("x", "./one" MODULE_SUFFIX, {{"delayload", "true"}});
 }
 
 ListFile Second() {
     return ListFile()
-        .Plugin("p", "./map_two.so", {{"loadfkeys", "true"}})
-        .Plugin("y", "./two.so", {{"delayload", "true"}});
+        .Plugin("p", "./map_two" MODULE_SUFFIX, {{"loadfkeys", "true"}})
+        .Plugin("y", "./two" MODULE_SUFFIX, {{"delayload", "true"}});
 }
 
 // Runs the round with every allocation failing in turn, and gives how many there were. Each

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/ListFile.h"
 #include "support/LogCapture.h"
 #include "support/Modules.h"
@@ -66,7 +67,7 @@ class ConfigChanges : public testing::Test {
     }
     void Write(const std::string& path, const std::string& fkey) {
         dir_.Write(path.substr(dir_.Path().size() + 1),
-                   ListFile().Plugin(fkey, "/p/" + fkey + ".so", Delayed()).Text());
+                   ListFile().Plugin(fkey, "/p/" + fkey + MODULE_SUFFIX, Delayed()).Text());
     }
     Strings Fkeys() {
         Strings fkeys;
@@ -184,20 +185,21 @@ TEST_F(ConfigChanges, AnFkeyCanMoveFromOneFileToAnotherInOneRound) {
     Start();
     Write(a_, "x");
     Report({{a_, ConfigMonitor::kAdded}});
-    dir_.Write("b.xml", ListFile().Plugin("x", "/q/other.so", Delayed()).Text());
+    dir_.Write("b.xml", ListFile().Plugin("x", "/q/other" MODULE_SUFFIX, Delayed()).Text());
     Report({{b_, ConfigMonitor::kAdded}, {a_, ConfigMonitor::kDeleted}});
     EXPECT_EQ(Steps(), (Strings{"unregister plugin succeeded, fkey x",
                                 "register plugin succeeded, fkey x"}));
     PluginConfigItem item;
     ASSERT_TRUE(coordinator_.FindPluginConfig("x", item));
-    EXPECT_EQ(item.file_path, "/q/other.so");
+    EXPECT_EQ(item.file_path, "/q/other" MODULE_SUFFIX);
 }
 
 // What was configured can be asked for, also when it could not be registered.
 TEST_F(ConfigChanges, TheCollectionHoldsWhatWasReadWhateverBecameOfIt) {
     Start();
     Write(a_, "x");
-    dir_.Write("b.xml", ListFile().Plugin("x", "/q/other.so", Delayed()).Plugin("", "f").Text());
+    dir_.Write("b.xml",
+               ListFile().Plugin("x", "/q/other" MODULE_SUFFIX, Delayed()).Plugin("", "f").Text());
     Report({{a_, ConfigMonitor::kAdded}, {b_, ConfigMonitor::kAdded}});
     EXPECT_EQ(Fkeys(), (Strings{"x", "x"}));
     Report({{a_, ConfigMonitor::kDeleted}});
@@ -207,15 +209,15 @@ TEST_F(ConfigChanges, TheCollectionHoldsWhatWasReadWhateverBecameOfIt) {
 TEST_F(ConfigChanges, ACorrectedPathOfARefusedPluginIsNotTried) {
     Start();
     Write(a_, "x");
-    dir_.Write("b.xml", ListFile().Plugin("x", "/q/wrong.so", Delayed()).Text());
+    dir_.Write("b.xml", ListFile().Plugin("x", "/q/wrong" MODULE_SUFFIX, Delayed()).Text());
     Report({{a_, ConfigMonitor::kAdded}, {b_, ConfigMonitor::kAdded}});
-    dir_.Write("b.xml", ListFile().Plugin("x", "/p/x.so", Delayed()).Text());
+    dir_.Write("b.xml", ListFile().Plugin("x", "/p/x" MODULE_SUFFIX, Delayed()).Text());
     Report({{b_, ConfigMonitor::kChanged}});
     EXPECT_TRUE(log_.Contains(
-        "4 config file changed, but not fkey, fkey x, cur file path /p/x.so, cached file path "
-        "/q/wrong.so"));
-    EXPECT_EQ(log_.Count("3 param fkey x, file_path /q/wrong.so"), 2);
-    EXPECT_EQ(log_.Count("3 param fkey x, file_path /p/x.so"), 0);
+        "4 config file changed, but not fkey, fkey x, cur file path /p/x" MODULE_SUFFIX
+        ", cached file path /q/wrong" MODULE_SUFFIX));
+    EXPECT_EQ(log_.Count("3 param fkey x, file_path /q/wrong" MODULE_SUFFIX), 2);
+    EXPECT_EQ(log_.Count("3 param fkey x, file_path /p/x" MODULE_SUFFIX), 0);
 }
 
 class ConfigDifference : public ConfigChanges {

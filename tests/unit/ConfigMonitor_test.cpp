@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <initializer_list>
 #include <list>
 #include <optional>
@@ -12,11 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/Allocation.h"
 #include "support/LogCapture.h"
 #include "support/Runtime.h"
 #include "support/Sync.h"
 #include "support/TempDir.h"
+#include "unit/LoggedCode.h"
 
 struct ConfigMonitorAccess {
     using Files = std::list<ConfigMonitor::FileInfo>;
@@ -29,7 +30,10 @@ namespace {
 
 using vessa_test::AllocationFailure;
 using vessa_test::AllocationPause;
+using vessa_test::Code;
 using vessa_test::Gate;
+using vessa_test::kErrorAccess;
+using vessa_test::kErrorNoResources;
 using vessa_test::LogCapture;
 using vessa_test::Runtime;
 using vessa_test::RuntimeCall;
@@ -156,11 +160,12 @@ TEST_F(ConfigMonitorTest, KeepsThePreviousFilesOverAFailedScan) {
     collector_.Take();
     log_.Clear();
     dir_.Remove("a/tarnet.xml");
-    runtime_.FailCall(Tova::OpenDir, 3, EACCES);
+    runtime_.FailCall(Tova::OpenDir, 3, kErrorAccess);
     ASSERT_TRUE(runtime_.Tick());
     EXPECT_EQ(collector_.Take(), Lines{});
-    EXPECT_TRUE(log_.Is({"5 tova open dir failed 13/D, folder path " + dir_.Path("b"),
-                         "5 find config file recursive failed"}));
+    EXPECT_TRUE(
+        log_.Is({"5 tova open dir failed " + Code(kErrorAccess) + ", folder path " + dir_.Path("b"),
+                 "5 find config file recursive failed"}));
     ASSERT_TRUE(runtime_.Tick());
     EXPECT_EQ(collector_.Take(), (Lines{"2 " + path}));
 }
@@ -237,11 +242,11 @@ TEST_F(ConfigMonitorTest, SurvivesAReceiverThatThrows) {
 
 TEST_F(ConfigMonitorTest, AFailedStartOfTheTimerForgetsNothing) {
     const std::string path = dir_.Write("tarnet.xml", "");
-    runtime_.FailCall(Tova::Thread_Create, 1, EAGAIN);
+    runtime_.FailCall(Tova::Thread_Create, 1, kErrorNoResources);
     EXPECT_FALSE(Start());
     EXPECT_TRUE(log_.Is(
         {"3 [{*monitor}]param plugin_root = " + dir_.Path() + ", config_filename = tarnet.xml",
-         "5 [{*monitor}]SetTimer failed, system error 11/B"}));
+         "5 [{*monitor}]SetTimer failed, system error " + Code(kErrorNoResources)}));
     EXPECT_EQ(collector_.Take(), (Lines{"1 " + path}));
 
     // It is stopped, and what it reported stays reported.

@@ -1,4 +1,5 @@
 // Modules that use the library from their own Init and Uninit.
+#include "TestPlatform.h"
 #include "unit/PluginWorld.h"
 #include "vessa2/DelayLoadPlugin.h"
 
@@ -20,7 +21,7 @@ class NestedLoad : public ProviderTest {
 };
 
 TEST_F(NestedLoad, OfAModulesOwnKeyInItsInitLeavesOneReference) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     DelayLoadPlugin record("k", path, true);
     hook.On("a", "Init", [&](ModuleCall&) {
@@ -30,7 +31,7 @@ TEST_F(NestedLoad, OfAModulesOwnKeyInItsInitLeavesOneReference) {
     LogCapture log;
     ASSERT_EQ(record.CreateInstance("k", instance, error), VESSA_OK);
     EXPECT_EQ(record.state(), DelayLoadPlugin::kLoaded);
-    EXPECT_EQ(References("a.so"), 1);
+    EXPECT_EQ(References("a" MODULE_SUFFIX), 1);
     const std::string tail = ", plugin {*p}, instance counter ";
     EXPECT_TRUE(log.Is(NewModule(path) + BeforeInit(path) + NestedIn(path, 2) +
                        Lines{"2 create tarnet instance succeeded, instance {*n}" + tail +
@@ -50,7 +51,7 @@ TEST_F(NestedLoad, OfAModulesOwnKeyInItsInitLeavesOneReference) {
 }
 
 TEST_F(NestedLoad, OfAModulesOwnKeyFallsWithItsFailingInit) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     hook.On("a", "Init", [&](ModuleCall& call) {
         if (call.index > 1) return;
@@ -83,7 +84,7 @@ TEST_F(NestedLoad, OfAModulesOwnKeyFallsWithItsFailingInit) {
 }
 
 TEST_F(NestedLoad, OfAModulesOwnKeyInItsEntryFallsWithTheFailingInit) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     DelayLoadPlugin record("k", path, true);
     hook.On("a", "Entry", [&](ModuleCall& call) {
@@ -99,14 +100,14 @@ TEST_F(NestedLoad, OfAModulesOwnKeyInItsEntryFallsWithTheFailingInit) {
     EXPECT_EQ(record.CreateInstance("k", instance, error), VESSA_ERR_MODULE_INIT);
     EXPECT_EQ(record.state(), DelayLoadPlugin::kNotLoaded);
     ASSERT_EQ(record.CreateInstance("k", instance, error), VESSA_OK);
-    EXPECT_EQ(References("a.so"), 1);
+    EXPECT_EQ(References("a" MODULE_SUFFIX), 1);
     EXPECT_EQ(record.DestroyInstance(instance, error), VESSA_OK);
     EXPECT_EQ(record.Unload(), VESSA_OK);
     EXPECT_EQ(hook.Count("a", "Unload"), 2);
 }
 
 TEST_F(NestedLoad, InstanceThatOutlivesItsFailedInitIsRefusedAndDoesNotCrash) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     hook.On("a", "Init", [&](ModuleCall& call) {
         int own_error = 0;
@@ -126,7 +127,7 @@ TEST_F(NestedLoad, InstanceThatOutlivesItsFailedInitIsRefusedAndDoesNotCrash) {
 }
 
 TEST_F(NestedLoad, OfASiblingKeyInInitLeavesOneReferenceForEach) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     hook.On("a", "Init", [&](ModuleCall&) {
         int own_error = 0;
@@ -135,13 +136,13 @@ TEST_F(NestedLoad, OfASiblingKeyInInitLeavesOneReferenceForEach) {
     ASSERT_EQ(provider.RegisterPlugin("a", path, true), VESSA_OK);
     ASSERT_EQ(provider.RegisterPlugin("b", path, true), VESSA_OK);
     ASSERT_EQ(provider.CreateInstance("a", instance, error), VESSA_OK);
-    EXPECT_EQ(References("a.so"), 2);
+    EXPECT_EQ(References("a" MODULE_SUFFIX), 2);
     EXPECT_EQ(provider.DestroyInstance(nested, error), VESSA_OK);
 
     LogCapture log;
     ASSERT_EQ(provider.CreateInstance("b", nested, error), VESSA_OK);
     EXPECT_EQ(log.Count("unexpected"), 0);
-    EXPECT_EQ(References("a.so"), 2);
+    EXPECT_EQ(References("a" MODULE_SUFFIX), 2);
     EXPECT_EQ(provider.DestroyInstance(nested, error), VESSA_OK);
     EXPECT_EQ(provider.DestroyInstance(instance, error), VESSA_OK);
     EXPECT_EQ(provider.UnregisterPlugin("b"), VESSA_OK);
@@ -153,7 +154,7 @@ TEST_F(NestedLoad, OfASiblingKeyInInitLeavesOneReferenceForEach) {
 }
 
 TEST_F(NestedLoad, OfASiblingKeyAloneIsGivenBackWhenTheSiblingIsUnregistered) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     hook.On("a", "Init", [&](ModuleCall&) {
         int own_error = 0;
@@ -173,7 +174,7 @@ TEST_F(NestedLoad, OfASiblingKeyFallsWithTheFailingInitAndBothStartFromTheBeginn
     for (const char* const first : {"a", "b"}) {
         SCOPED_TRACE(first);
         const std::string second = first == std::string("a") ? "b" : "a";
-        const std::string path = Module("good_v2", "a.so");
+        const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
         ModuleHook hook;
         hook.On("a", "Init", [&](ModuleCall& call) {
             if (call.index > 1) return;
@@ -192,7 +193,7 @@ TEST_F(NestedLoad, OfASiblingKeyFallsWithTheFailingInitAndBothStartFromTheBeginn
         EXPECT_EQ(hook.Count("a", "Init"), 2);
         ASSERT_EQ(provider.CreateInstance(second, other, error), VESSA_OK);
         EXPECT_EQ(hook.Count("a", "Init"), 2);
-        EXPECT_EQ(References("a.so"), 2);
+        EXPECT_EQ(References("a" MODULE_SUFFIX), 2);
         EXPECT_EQ(provider.DestroyInstance(instance, error), VESSA_OK);
         EXPECT_EQ(provider.DestroyInstance(other, error), VESSA_OK);
         EXPECT_EQ(provider.UnregisterPlugin(first), VESSA_OK);
@@ -204,7 +205,7 @@ TEST_F(NestedLoad, OfASiblingKeyFallsWithTheFailingInitAndBothStartFromTheBeginn
 }
 
 TEST_F(NestedLoad, OfASiblingThatIsNotUsedAgainLeavesNothingAfterAFailingInit) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     hook.On("a", "Init", [&](ModuleCall& call) {
         int own_error = 0;
@@ -220,7 +221,7 @@ TEST_F(NestedLoad, OfASiblingThatIsNotUsedAgainLeavesNothingAfterAFailingInit) {
 }
 
 TEST_F(NestedLoad, WaitsForNobodyWhenTwoThreadsLoadTwoSiblingsOfOneFile) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     Gate in_init;
     Gate other_waits;
     ModuleHook hook;
@@ -251,7 +252,7 @@ TEST_F(NestedLoad, WaitsForNobodyWhenTwoThreadsLoadTwoSiblingsOfOneFile) {
         second.Join();
         EXPECT_EQ(log.Count("unexpected"), 0);
     }
-    EXPECT_EQ(References("a.so"), 2);
+    EXPECT_EQ(References("a" MODULE_SUFFIX), 2);
     for (void* const each : {instance, other, nested})
         EXPECT_EQ(provider.DestroyInstance(each, error), VESSA_OK);
     EXPECT_EQ(provider.UnregisterPlugin("a"), VESSA_OK);
@@ -261,8 +262,8 @@ TEST_F(NestedLoad, WaitsForNobodyWhenTwoThreadsLoadTwoSiblingsOfOneFile) {
 }
 
 TEST_F(NestedLoad, OfAnotherModuleInInitKeepsBothBalanced) {
-    const std::string a = Module("good_v2", "a.so");
-    const std::string b = Module("good_v2", "b.so");
+    const std::string a = Module("good_v2", "a" MODULE_SUFFIX);
+    const std::string b = Module("good_v2", "b" MODULE_SUFFIX);
     ModuleHook hook;
     hook.On("a", "Init", [&](ModuleCall&) {
         int own_error = 0;
@@ -274,15 +275,15 @@ TEST_F(NestedLoad, OfAnotherModuleInInitKeepsBothBalanced) {
     });
     ASSERT_EQ(provider.RegisterPlugin("b", b, true), VESSA_OK);
     ASSERT_EQ(provider.RegisterPlugin("a", a, false), VESSA_OK);
-    EXPECT_EQ(References("a.so"), 1);
-    EXPECT_EQ(References("b.so"), 1);
+    EXPECT_EQ(References("a" MODULE_SUFFIX), 1);
+    EXPECT_EQ(References("b" MODULE_SUFFIX), 1);
     EXPECT_EQ(provider.UnregisterPlugin("a"), VESSA_OK);
     EXPECT_EQ(provider.UnregisterPlugin("b"), VESSA_OK);
     EXPECT_EQ(hook.Count("b", "Unload"), 1);
 }
 
 TEST_F(NestedLoad, OfASiblingInUninitFailsAndLeavesTheUnloadAsItIs) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     hook.On("a", "Uninit", [&](ModuleCall& call) {
         if (call.index > 1) return;
@@ -298,17 +299,18 @@ TEST_F(NestedLoad, OfASiblingInUninitFailsAndLeavesTheUnloadAsItIs) {
     LogCapture log;
     EXPECT_EQ(provider.UnregisterPlugin("a"), VESSA_OK);
     const std::string code = Code(VESSA_ERR_MODULE_LOAD);
-    const Lines refused = {
-        "2 param fkey = b",
-        "3 param file_path = " + path,
-        "5 load plugin dso failed, error " + code + ", filename a.so, folder path a.so",
-        "5 load plugin failed, error " + code + ", plugin filename a.so, plugin folder path " +
-            Folder(path),
-        "5 load plugin failed " + code + ", plugin file path " + path,
-        "5 load plugin failed " + code + ", plugin file path " + path,
-        "5 load plugin failed " + code + ", plugin file path " + path,
-        "5 create plugin instance failed " + code +
-            ", plugin error 0/0, fkey 0, plugin file path " + path};
+    const Lines refused = {"2 param fkey = b",
+                           "3 param file_path = " + path,
+                           "5 load plugin dso failed, error " + code +
+                               ", filename a" MODULE_SUFFIX ", folder path a" MODULE_SUFFIX,
+                           "5 load plugin failed, error " + code +
+                               ", plugin filename a" MODULE_SUFFIX ", plugin folder path " +
+                               Folder(path),
+                           "5 load plugin failed " + code + ", plugin file path " + path,
+                           "5 load plugin failed " + code + ", plugin file path " + path,
+                           "5 load plugin failed " + code + ", plugin file path " + path,
+                           "5 create plugin instance failed " + code +
+                               ", plugin error 0/0, fkey 0, plugin file path " + path};
     EXPECT_TRUE(log.Is(
         Lines{"3 param fkey = a"} + refused + refused + RecordUnload(path) +
         Lines{"3 unregister plugin succeeded, fkey a, file path " + path + ", delay load false"}));
@@ -322,8 +324,8 @@ TEST_F(NestedLoad, OfASiblingInUninitFailsAndLeavesTheUnloadAsItIs) {
 }
 
 TEST_F(NestedLoad, OfAnotherModuleInUninitWorks) {
-    const std::string a = Module("good_v2", "a.so");
-    const std::string b = Module("good_v2", "b.so");
+    const std::string a = Module("good_v2", "a" MODULE_SUFFIX);
+    const std::string b = Module("good_v2", "b" MODULE_SUFFIX);
     ModuleHook hook;
     hook.On("a", "Uninit", [&](ModuleCall&) {
         int own_error = 0;

@@ -1,5 +1,6 @@
 #include "vessa2/DelayLoadPlugin.h"
 
+#include "TestPlatform.h"
 #include "unit/PluginWorld.h"
 
 namespace vessa_test {
@@ -20,16 +21,16 @@ class DelayLoadPluginTest : public PluginTest {
 };
 
 TEST_F(DelayLoadPluginTest, IsMadeUnloadedWithoutInstances) {
-    const DelayLoadPlugin record("k", "/x/a.so", true);
+    const DelayLoadPlugin record("k", "/x/a" MODULE_SUFFIX, true);
     EXPECT_EQ(record.fkey(), "k");
-    EXPECT_EQ(record.file_path(), "/x/a.so");
+    EXPECT_EQ(record.file_path(), "/x/a" MODULE_SUFFIX);
     EXPECT_TRUE(record.delay_load());
     EXPECT_EQ(record.state(), DelayLoadPlugin::kNotLoaded);
     EXPECT_EQ(record.instance_count(), 0);
 }
 
 TEST_F(DelayLoadPluginTest, LoadsWithTheFirstInstanceAndNotBefore) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     DelayLoadPlugin record("k", path, true);
     EXPECT_TRUE(hook.Journal().empty());
@@ -65,7 +66,7 @@ TEST_F(DelayLoadPluginTest, LoadsWithTheFirstInstanceAndNotBefore) {
 }
 
 TEST_F(DelayLoadPluginTest, LoadsOnceAndUnloadsOnce) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     DelayLoadPlugin record("k", path, false);
     LogCapture log;
     EXPECT_EQ(record.LoadPlugin(), VESSA_OK);
@@ -77,7 +78,7 @@ TEST_F(DelayLoadPluginTest, LoadsOnceAndUnloadsOnce) {
 }
 
 TEST_F(DelayLoadPluginTest, SaysNothingWhenWhatWasNeverLoadedIsUnloaded) {
-    DelayLoadPlugin record("k", "/x/a.so", true);
+    DelayLoadPlugin record("k", "/x/a" MODULE_SUFFIX, true);
     LogCapture log;
     EXPECT_EQ(record.UnloadPlugin(), VESSA_OK);
     EXPECT_EQ(record.Unload(), VESSA_OK);
@@ -85,8 +86,8 @@ TEST_F(DelayLoadPluginTest, SaysNothingWhenWhatWasNeverLoadedIsUnloaded) {
 }
 
 TEST_F(DelayLoadPluginTest, TriesAConflictAgainWithEachInstance) {
-    const std::string path = Module("good_v2", "x/a.so");
-    const std::string other = Module("good_v2", "y/a.so");
+    const std::string path = Module("good_v2", "x/a" MODULE_SUFFIX);
+    const std::string other = Module("good_v2", "y/a" MODULE_SUFFIX);
     DelayLoadPlugin first("k", path, true);
     DelayLoadPlugin second("l", other, true);
     ASSERT_EQ(first.LoadPlugin(), VESSA_OK);
@@ -112,7 +113,7 @@ TEST_F(DelayLoadPluginTest, TriesAConflictAgainWithEachInstance) {
 }
 
 TEST_F(DelayLoadPluginTest, ReportsAFailedLoadWithItsCode) {
-    const std::string path = Module("init_fails", "a.so");
+    const std::string path = Module("init_fails", "a" MODULE_SUFFIX);
     DelayLoadPlugin record("k", path, true);
     LogCapture log;
     EXPECT_EQ(record.CreateInstance("k", instance, error), VESSA_ERR_MODULE_INIT);
@@ -126,7 +127,7 @@ TEST_F(DelayLoadPluginTest, ReportsAFailedLoadWithItsCode) {
 }
 
 TEST_F(DelayLoadPluginTest, UnloadsUnderLiveInstancesWithAWarning) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     DelayLoadPlugin record("k", path, true);
     void* second = nullptr;
     ASSERT_EQ(record.CreateInstance("k", instance, error), VESSA_OK);
@@ -153,18 +154,18 @@ TEST_F(DelayLoadPluginTest, UnloadsUnderLiveInstancesWithAWarning) {
 }
 
 TEST_F(DelayLoadPluginTest, ClearsWhatAFailingModuleWrote) {
-    DelayLoadPlugin writes("k", Module("create_fails_writing", "create.so"), true);
+    DelayLoadPlugin writes("k", Module("create_fails_writing", "create" MODULE_SUFFIX), true);
     LogCapture log;
     EXPECT_EQ(writes.CreateInstance("k", instance, error), -1);
     EXPECT_EQ(instance, nullptr);
     EXPECT_EQ(error, TEST_MODULE_ERR_CREATE);
     EXPECT_TRUE(LineMatches(log.Lines().back(),
                             "5 create plugin instance failed 11/B, plugin {*}, plugin file path " +
-                                dir.Path("create.so")));
+                                dir.Path("create" MODULE_SUFFIX)));
     EXPECT_EQ(writes.instance_count(), 0);
     EXPECT_EQ(writes.Unload(), VESSA_OK);
 
-    DelayLoadPlugin queries("k", Module("query_fails", "query.so"), true);
+    DelayLoadPlugin queries("k", Module("query_fails", "query" MODULE_SUFFIX), true);
     ASSERT_EQ(queries.CreateInstance("k", instance, error), VESSA_OK);
     void* iface = &error;
     EXPECT_EQ(queries.QueryInterface(instance, "i", iface, error), -1);
@@ -174,13 +175,13 @@ TEST_F(DelayLoadPluginTest, ClearsWhatAFailingModuleWrote) {
         LineMatches(log.Lines().back(),
                     "5 query plugin interface failed 13/D, instance {*}, ikey i, plugin {*}, "
                     "plugin file path " +
-                        dir.Path("query.so")));
+                        dir.Path("query" MODULE_SUFFIX)));
     EXPECT_EQ(queries.DestroyInstance(instance, error), VESSA_OK);
     EXPECT_EQ(queries.Unload(), VESSA_OK);
 }
 
 TEST_F(DelayLoadPluginTest, FindsAnInterface) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     DelayLoadPlugin record("k", path, true);
     ASSERT_EQ(record.CreateInstance("k", instance, error), VESSA_OK);
     LogCapture log;
@@ -197,7 +198,7 @@ TEST_F(DelayLoadPluginTest, FindsAnInterface) {
 }
 
 TEST_F(DelayLoadPluginTest, CountsAFailedDestroyAsLive) {
-    const std::string path = Module("destroy_fails", "a.so");
+    const std::string path = Module("destroy_fails", "a" MODULE_SUFFIX);
     DelayLoadPlugin record("k", path, true);
     ASSERT_EQ(record.CreateInstance("k", instance, error), VESSA_OK);
     LogCapture log;
@@ -211,7 +212,7 @@ TEST_F(DelayLoadPluginTest, CountsAFailedDestroyAsLive) {
 }
 
 TEST_F(DelayLoadPluginTest, CountsASuccessWithoutInstance) {
-    DelayLoadPlugin record("k", Module("create_null", "a.so"), true);
+    DelayLoadPlugin record("k", Module("create_null", "a" MODULE_SUFFIX), true);
     EXPECT_EQ(record.CreateInstance("k", instance, error), VESSA_OK);
     EXPECT_EQ(instance, nullptr);
     EXPECT_EQ(record.instance_count(), 1);
@@ -219,7 +220,7 @@ TEST_F(DelayLoadPluginTest, CountsASuccessWithoutInstance) {
 }
 
 TEST_F(DelayLoadPluginTest, DoesNotLoadForTheMapQuestion) {
-    const std::string path = Module("map_two", "a.so");
+    const std::string path = Module("map_two", "a" MODULE_SUFFIX);
     DelayLoadPlugin record("k", path, true);
     LogCapture log;
     int count = 5;
@@ -233,7 +234,7 @@ TEST_F(DelayLoadPluginTest, DoesNotLoadForTheMapQuestion) {
 }
 
 TEST_F(DelayLoadPluginTest, StaysLoadedAfterAFailingUninitAndUnloadsWithTheNext) {
-    const std::string path = Module("uninit_fails", "a.so");
+    const std::string path = Module("uninit_fails", "a" MODULE_SUFFIX);
     DelayLoadPlugin record("k", path, true);
     ASSERT_EQ(record.LoadPlugin(), VESSA_OK);
     LogCapture log;
@@ -252,7 +253,7 @@ TEST_F(DelayLoadPluginTest, StaysLoadedAfterAFailingUninitAndUnloadsWithTheNext)
 }
 
 TEST_F(DelayLoadPluginTest, LoadsOnceForManyThreads) {
-    DelayLoadPlugin record("k", Module("good_v2", "a.so"), true);
+    DelayLoadPlugin record("k", Module("good_v2", "a" MODULE_SUFFIX), true);
     constexpr int kThreads = 4;
     Barrier start(kThreads);
     int results[kThreads] = {};
@@ -272,7 +273,8 @@ TEST_F(DelayLoadPluginTest, LoadsOnceForManyThreads) {
         EXPECT_EQ(results[i], 0);
         EXPECT_EQ(record.DestroyInstance(instances[i], error), VESSA_OK);
     }
-    EXPECT_EQ(PluginLoaderAccess::Collection(loader).at("a.so")->reference_counter().Get(), 1);
+    EXPECT_EQ(
+        PluginLoaderAccess::Collection(loader).at("a" MODULE_SUFFIX)->reference_counter().Get(), 1);
     EXPECT_EQ(record.Unload(), VESSA_OK);
 }
 

@@ -1,5 +1,7 @@
 // The messages of the exports: texts, levels and order, and that a refused call goes no
 // further.
+#include <cinttypes>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -18,7 +20,7 @@ constexpr char kBadArgument[] = "5 param instance should not be invalid handle";
 
 std::string Address(const void* pointer) {
     char text[17];
-    std::snprintf(text, sizeof text, "%016lX", reinterpret_cast<unsigned long>(pointer));
+    std::snprintf(text, sizeof text, "%016" PRIXPTR, reinterpret_cast<uintptr_t>(pointer));
     return text;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <tuple>
 
+#include "TestPlatform.h"
 #include "skrib.h"
 #include "support/Allocation.h"
 #include "support/ModuleHook.h"
@@ -12,7 +13,7 @@
 #include "unit/LifeCycleWorld.h"
 
 // The XML parser loses its nodes when it runs out of memory between two of them.
-extern "C" __attribute__((visibility("default"), used)) const char* __lsan_default_suppressions();
+extern "C" PROGRAM_EXPORT const char* __lsan_default_suppressions();
 const char* __lsan_default_suppressions() {
     return "leak:TiXml\n";
 }

@@ -1,69 +1,12 @@
 // Ends of the process that need the scanning thread at a known point: each in a child of its
 // own, in which this very test runs on to its exit.
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <cstdlib>
-#include <functional>
 #include <string>
-#include <utility>
 
-#include "capi/SanitizerOptions.h"
-#include "support/Child.h"
-#include "support/ModuleHook.h"
-#include "support/Runtime.h"
-#include "support/Sync.h"
-#include "unit/LifeCycleWorld.h"
+#include "unit/ExitingChild.h"
 
 namespace vessa_test {
 namespace {
-
-constexpr int kEnd = 7;
-constexpr int kEndedTooEarly = 9;
-
-// Asked at the very end of the process, after every exit handler and every destructor of a
-// global object: whether the exit did what the test expects of it.
-std::function<bool()>* at_the_end = nullptr;
-
-__attribute__((destructor)) void AskAtTheEnd() {
-    if (at_the_end != nullptr && !(*at_the_end)()) _exit(kEndedTooEarly);
-}
-
-void ExpectAtTheEnd(std::function<bool()> holds) {
-    at_the_end = new std::function<bool()>(std::move(holds));
-}
-
-// What the child uses until its very end: exit unwinds no stack, so nothing of it goes.
-struct Life {
-    World world;
-    Gate entered;
-    Gate released;
-    std::atomic<bool> over{false};
-    Runtime runtime;
-    LogCapture log{1};
-    ModuleHook hook;
-};
-
-Life& NewLife() {
-    static Life& life = *new Life;
-    return life;
-}
-
-void ExpectCleanChild(bool forks = false) {
-    ChildOptions options = ThisTestAsChild();
-    LookForNoUnjoinedThreads(options);
-    if (forks) LookForNoLeaks(options);
-    const ChildResult result = RunChild(options);
-    EXPECT_TRUE(result.Exited(kEnd)) << result;
-}
-
-// The scanning thread on its way to a new list file.
-void StartScanWithNewPlugin(Life& life) {
-    if (VESSA_Init() != VESSA_OK) _exit(1);
-    life.world.Add("m", "map_two", {{"loadfkeys", "true"}});
-    life.runtime.StartTick();
-}
 
 class ExitOnTheScanningThread : public testing::TestWithParam<std::string> {};
 
@@ -123,7 +66,7 @@ TEST(ExitDuringAScan, LeavesAThreadAloneThatDoesNotEndInTime) {
 TEST(ExitDuringAScan, OfTheFoldersIsClean) {
     if (!IsChild()) return ExpectCleanChild();
     Life& life = NewLife();
-    if (VESSA_Init() != VESSA_OK) _exit(1);
+    if (VESSA_Init() != VESSA_OK) std::_Exit(1);
     life.runtime.Before(Tova::OpenDir, [&](RuntimeCall&) {
         life.entered.Open();
         life.released.Wait();
@@ -140,39 +83,20 @@ TEST(ExitDuringAScan, OfTheFoldersIsClean) {
     std::exit(kEnd);
 }
 
-TEST(ExitInAForkedChild, DoesNotTouchTheScanInProgress) {
-    if (!IsChild()) return ExpectCleanChild(true);
-    Life& life = NewLife();
-    life.hook.On("m", "Init", [&](ModuleCall&) {
-        life.entered.Open();
-        life.released.Wait();
-    });
-    StartScanWithNewPlugin(life);
-    life.entered.Wait();
-    const pid_t child = fork();
-    if (child == 0) std::exit(kEnd);
-    int status = 0;
-    if (waitpid(child, &status, 0) != child) _exit(1);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != kEnd) _exit(2);
-    life.released.Open();
-    VESSA_Uninit();
-    std::exit(kEnd);
-}
-
 TEST(ExitAfterAStopOnTheScanningThread, IsClean) {
     if (!IsChild()) return ExpectCleanChild();
     Life& life = NewLife();
     life.hook.On("m", "Init", [](ModuleCall&) { VESSA_Uninit(); });
-    if (VESSA_Init() != VESSA_OK) _exit(1);
+    if (VESSA_Init() != VESSA_OK) std::_Exit(1);
     life.world.Add("m");
-    if (life.runtime.Tick()) _exit(2);
+    if (life.runtime.Tick()) std::_Exit(2);
     std::exit(kEnd);
 }
 
 TEST(ExitWhileStarted, AsksTheScanningThreadToEnd) {
     if (!IsChild()) return ExpectCleanChild();
     Life& life = NewLife();
-    if (VESSA_Init() != VESSA_OK) _exit(1);
+    if (VESSA_Init() != VESSA_OK) std::_Exit(1);
     life.runtime.AwaitWaiters(1);
     // Nobody ticks: only a post ends the thread's wait, and the exit waits for that.
     ExpectAtTheEnd([&life] { return life.runtime.Waiters().empty(); });

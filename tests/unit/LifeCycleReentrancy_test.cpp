@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "common/ThreadScope.h"
 #include "unit/LifeCycleSlots.h"
 
@@ -48,7 +49,7 @@ class EveryExportInEverySlot : public SlotTest {
         char value[256] = "";
         unsigned int length = sizeof value;
         EXPECT_EQ(VESSA_QueryConfigAttribute(Other().c_str(), "file", value, &length), VESSA_OK);
-        EXPECT_EQ(std::string(value), "./" + Other() + ".so");
+        EXPECT_EQ(std::string(value), "./" + Other() + MODULE_SUFFIX);
         char** fkeys = nullptr;
         unsigned int count = 0;
         EXPECT_EQ(VESSA_QueryAllFkeys(&fkeys, &count), VESSA_OK);
@@ -72,7 +73,8 @@ class EveryExportInEverySlot : public SlotTest {
         }
         writer_ = std::make_unique<JoiningThread>([this] {
             writer_id_ = std::this_thread::get_id();
-            EXPECT_EQ(LifeCycle::Get()->provider().RegisterPlugin("writer", "/nowhere/w.so", true),
+            EXPECT_EQ(LifeCycle::Get()->provider().RegisterPlugin("writer",
+                                                                  "/nowhere/w" MODULE_SUFFIX, true),
                       VESSA_OK);
         });
         writer_waits_.Wait();

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/ListFile.h"
 #include "support/LogCapture.h"
 #include "support/Modules.h"
@@ -36,7 +37,8 @@ class World {
     void Add(const std::string& fkey, const std::string& module = "good_v2",
              const ListFile::Attributes& others = {}) {
         Install(dir, module, ModuleFile(fkey));
-        dir.Write(ListPath(fkey), ListFile().Plugin(fkey, "./" + fkey + ".so", others).Text());
+        dir.Write(ListPath(fkey),
+                  ListFile().Plugin(fkey, "./" + fkey + MODULE_SUFFIX, others).Text());
     }
     void AddDelayed(const std::string& fkey, const std::string& module = "good_v2") {
         Add(fkey, module, {{"delayload", "true"}});
@@ -44,7 +46,7 @@ class World {
     void Remove(const std::string& fkey) { dir.Remove(ListPath(fkey)); }
 
     static std::string ModuleFile(const std::string& fkey) {
-        return "tarnet/" + fkey + "/" + fkey + ".so";
+        return "tarnet/" + fkey + "/" + fkey + MODULE_SUFFIX;
     }
     static std::string ListPath(const std::string& fkey) {
         return "tarnet/" + fkey + "/tarnet.xml";

@@ -2,9 +2,11 @@
 #include <string>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/ModuleHook.h"
 #include "support/Runtime.h"
 #include "unit/LifeCycleWorld.h"
+#include "unit/LoggedCode.h"
 
 namespace vessa_test {
 namespace {
@@ -123,8 +125,8 @@ TEST_F(LifeCycleTest, StartsWithoutARoot) {
     world.dir.Remove("tarnet");
     LogCapture log;
     EXPECT_EQ(VESSA_Init(), VESSA_OK);
-    EXPECT_TRUE(
-        log.Contains("5 tova open dir failed 2/2, folder path " + world.dir.Path("tarnet")));
+    EXPECT_TRUE(log.Contains("5 tova open dir failed " + Code(kErrorNotFound) + ", folder path " +
+                             world.dir.Path("tarnet")));
     EXPECT_TRUE(log.Contains("3 init vessa succeeded"));
     VESSA_Uninit();
 }
@@ -133,7 +135,7 @@ TEST_F(LifeCycleTest, FailsWhenTheSystemRefusesTheThreadAndSucceedsLater) {
     World world;
     const std::string root = world.dir.Path("tarnet");
     Runtime runtime;
-    runtime.FailCall(Tova::Thread_Create, 1, EAGAIN);
+    runtime.FailCall(Tova::Thread_Create, 1, kErrorNoResources);
     LogCapture log;
     EXPECT_EQ(VESSA_Init(), VESSA_FAILED);
     EXPECT_TRUE(log.Is(

@@ -2,7 +2,6 @@
 // goes on to the real ones.
 #include "common/Log.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "skrib.h"
 #include "support/Allocation.h"
 #include "support/Child.h"
@@ -20,6 +20,7 @@
 using vessa_test::AllocationFailure;
 using vessa_test::Barrier;
 using vessa_test::ChildResult;
+using vessa_test::FunctionBehind;
 using vessa_test::IsChild;
 using vessa_test::JoiningThread;
 using vessa_test::LogCapture;
@@ -53,17 +54,11 @@ Watch& TheWatch() {
     return watch;
 }
 
-template <class Function>
-Function Real(const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
-extern "C" {
-
-void* SKRIB_GetLogger(const char* name) {
-    void* handle = Real<void* (*)(const char*)>("SKRIB_GetLogger")(name);
+STAND_IN(void*, SKRIB_GetLogger)(const char* name) {
+    static const auto real = FunctionBehind<void*(const char*)>("SKRIB_GetLogger");
+    void* handle = real(name);
     if (name == nullptr || std::string(name) != "vessa") return handle;
     ++TheWatch().fetched;
     if (TheWatch().give_none) handle = nullptr;
@@ -71,27 +66,28 @@ void* SKRIB_GetLogger(const char* name) {
     return handle;
 }
 
-void SKRIB_ReleaseLogger(void* logger) {
+STAND_IN(void, SKRIB_ReleaseLogger)(void* logger) {
+    static const auto real = FunctionBehind<void(void*)>("SKRIB_ReleaseLogger");
     ++TheWatch().released;
     TheWatch().released_handle = logger;
-    Real<void (*)(void*)>("SKRIB_ReleaseLogger")(logger);
+    real(logger);
 }
 
-int SKRIB_GetThreshold(void* logger) {
+STAND_IN(int, SKRIB_GetThreshold)(void* logger) {
+    static const auto real = FunctionBehind<int(void*)>("SKRIB_GetThreshold");
     ++TheWatch().asked;
     if (logger == nullptr) ++TheWatch().null_handles;
-    return Real<int (*)(void*)>("SKRIB_GetThreshold")(logger);
+    return real(logger);
 }
 
-void SKRIB_Write(void* logger, int level, const char* text, const char* file, const char* function,
-                 int line) {
+STAND_IN(void, SKRIB_Write)
+(void* logger, int level, const char* text, const char* file, const char* function, int line) {
+    static const auto real =
+        FunctionBehind<void(void*, int, const char*, const char*, const char*, int)>("SKRIB_Write");
     ++TheWatch().written;
     if (logger == nullptr) ++TheWatch().null_handles;
-    Real<void (*)(void*, int, const char*, const char*, const char*, int)>("SKRIB_Write")(
-        logger, level, text, file, function, line);
+    real(logger, level, text, file, function, line);
 }
-
-}  // extern "C"
 
 namespace {
 

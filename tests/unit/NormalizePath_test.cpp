@@ -6,6 +6,8 @@
 #include <cctype>
 #include <string>
 
+#include "TestPlatform.h"
+
 namespace {
 
 // The definition, step by step. Slow, and the only source of the expected forms below.
@@ -153,12 +155,12 @@ TEST(NormalizePath, NeedsOnePassForAnyText) {
 }
 
 TEST(NormalizePath, FolderAndFileNameAreTheSidesOfTheLastSlash) {
-    EXPECT_EQ(FolderOf("/a/b/c.so"), "/a/b");
-    EXPECT_EQ(FileNameOf("/a/b/c.so"), "c.so");
-    EXPECT_EQ(FolderOf("/c.so"), "");
-    EXPECT_EQ(FileNameOf("/c.so"), "c.so");
-    EXPECT_EQ(FolderOf("c.so"), "");
-    EXPECT_EQ(FileNameOf("c.so"), "c.so");
+    EXPECT_EQ(FolderOf("/a/b/c" MODULE_SUFFIX), "/a/b");
+    EXPECT_EQ(FileNameOf("/a/b/c" MODULE_SUFFIX), "c" MODULE_SUFFIX);
+    EXPECT_EQ(FolderOf("/c" MODULE_SUFFIX), "");
+    EXPECT_EQ(FileNameOf("/c" MODULE_SUFFIX), "c" MODULE_SUFFIX);
+    EXPECT_EQ(FolderOf("c" MODULE_SUFFIX), "");
+    EXPECT_EQ(FileNameOf("c" MODULE_SUFFIX), "c" MODULE_SUFFIX);
     EXPECT_EQ(FileNameOf("C:/"), "");
     EXPECT_EQ(FolderOf("C:/"), "C:");
     EXPECT_EQ(FileNameOf("/"), "");

@@ -2,6 +2,7 @@
 // try succeeds.
 #include <cstdlib>
 
+#include "TestPlatform.h"
 #include "support/Allocation.h"
 #include "support/Child.h"
 #include "unit/PluginWorld.h"
@@ -60,7 +61,7 @@ TEST_F(PluginAllocation, FailureInARegistrationLeavesNoEntryAndTheNextSucceeds) 
     for (const int threshold : {1, 6}) {
         SCOPED_TRACE(threshold);
         LogCapture log(threshold);
-        const std::string path = "/nowhere/and/a/long/path/to/a/module.so";
+        const std::string path = "/nowhere/and/a/long/path/to/a/module" MODULE_SUFFIX;
         FailEach(
             Nothing, [&] { return provider.RegisterPlugin(fkey, path, true); },
             [&](int result, bool failed) {
@@ -81,7 +82,7 @@ TEST_F(PluginAllocation, FailureInARegistrationLeavesNoEntryAndTheNextSucceeds) 
 
 TEST_F(PluginAllocation, FailureOfARecordOrItsCountIsReported) {
     LogCapture log;
-    const std::string path = "/nowhere/x.so";
+    const std::string path = "/nowhere/x" MODULE_SUFFIX;
     const std::string values =
         ", out of memory, fkey " + fkey + ", file_path " + path + ", delay_load true";
     int of_record = 0;
@@ -101,7 +102,7 @@ TEST_F(PluginAllocation, FailureOfARecordOrItsCountIsReported) {
 }
 
 TEST_F(PluginAllocation, FailureInARegistrationBesideOthersLeavesTheseAlone) {
-    const std::string path = "/nowhere/long/enough/to/allocate/x.so";
+    const std::string path = "/nowhere/long/enough/to/allocate/x" MODULE_SUFFIX;
     LogCapture log;
     ASSERT_EQ(provider.RegisterPlugin("a", path, true), VESSA_OK);
     FailEach(
@@ -111,7 +112,7 @@ TEST_F(PluginAllocation, FailureInARegistrationBesideOthersLeavesTheseAlone) {
             if (result != VESSA_OK) {
                 EXPECT_EQ(result, VESSA_ERR_OUT_OF_MEMORY);
                 EXPECT_EQ(PluginProviderAccess::Collection(provider).count(fkey), 0u);
-                EXPECT_EQ(provider.RegisterPlugin("b", "/elsewhere/x.so", true),
+                EXPECT_EQ(provider.RegisterPlugin("b", "/elsewhere/x" MODULE_SUFFIX, true),
                           VESSA_ERR_PLUGIN_CONFLICT);
             } else {
                 EXPECT_EQ(provider.UnregisterPlugin(fkey), VESSA_OK);
@@ -121,7 +122,7 @@ TEST_F(PluginAllocation, FailureInARegistrationBesideOthersLeavesTheseAlone) {
 }
 
 TEST_F(PluginAllocation, FailureInALoadingRegistrationRegistersAndLoadsLater) {
-    const std::string path = Module("good_v2", "a_module_with_a_long_name.so");
+    const std::string path = Module("good_v2", "a_module_with_a_long_name" MODULE_SUFFIX);
     LogCapture log;
     FailEach(
         Nothing, [&] { return provider.RegisterPlugin(fkey, path, false); },
@@ -133,7 +134,7 @@ TEST_F(PluginAllocation, FailureInALoadingRegistrationRegistersAndLoadsLater) {
                 return;
             }
             EXPECT_EQ(provider.CreateInstance(fkey, instance, error), VESSA_OK);
-            EXPECT_EQ(References("a_module_with_a_long_name.so"), 1);
+            EXPECT_EQ(References("a_module_with_a_long_name" MODULE_SUFFIX), 1);
             EXPECT_EQ(provider.DestroyInstance(instance, error), VESSA_OK);
             EXPECT_EQ(provider.UnregisterPlugin(fkey), VESSA_OK);
             EXPECT_TRUE(PluginLoaderAccess::Collection(loader).empty());
@@ -141,7 +142,7 @@ TEST_F(PluginAllocation, FailureInALoadingRegistrationRegistersAndLoadsLater) {
 }
 
 TEST_F(PluginAllocation, FailureInACreateLeavesNoInstanceAndTheNextSucceeds) {
-    const std::string path = Module("good_v2", "a_module_with_a_long_name.so");
+    const std::string path = Module("good_v2", "a_module_with_a_long_name" MODULE_SUFFIX);
     ModuleHook hook;
     LogCapture log;
     FailEach([&] { ASSERT_EQ(provider.RegisterPlugin(fkey, path, true), VESSA_OK); },
@@ -164,7 +165,7 @@ TEST_F(PluginAllocation, FailureInACreateLeavesNoInstanceAndTheNextSucceeds) {
 }
 
 TEST_F(PluginAllocation, FailureInACreateOfALoadedPluginKeepsItsOtherInstances) {
-    const std::string path = Module("good_v2", "a_module_with_a_long_name.so");
+    const std::string path = Module("good_v2", "a_module_with_a_long_name" MODULE_SUFFIX);
     LogCapture log;
     ASSERT_EQ(provider.RegisterPlugin(fkey, path, false), VESSA_OK);
     void* other = nullptr;
@@ -187,7 +188,7 @@ TEST_F(PluginAllocation, FailureInACreateOfALoadedPluginKeepsItsOtherInstances) 
 
 // An unload cannot be tried again: it must not need memory.
 TEST_F(PluginAllocation, FailureInAnUnregistrationStillUnloads) {
-    const std::string path = Module("good_v2", "a_module_with_a_long_name.so");
+    const std::string path = Module("good_v2", "a_module_with_a_long_name" MODULE_SUFFIX);
     ModuleHook hook;
     LogCapture log;
     FailEach([&] { ASSERT_EQ(provider.RegisterPlugin(fkey, path, false), VESSA_OK); },
@@ -202,7 +203,7 @@ TEST_F(PluginAllocation, FailureInAnUnregistrationStillUnloads) {
 }
 
 TEST_F(PluginAllocation, FailureInTheDestroyOfTheLastInstanceStillUnloads) {
-    const std::string path = Module("good_v2", "a_module_with_a_long_name.so");
+    const std::string path = Module("good_v2", "a_module_with_a_long_name" MODULE_SUFFIX);
     ModuleHook hook;
     LogCapture log;
     FailEach(
@@ -222,8 +223,8 @@ TEST_F(PluginAllocation, FailureInTheDestroyOfTheLastInstanceStillUnloads) {
 }
 
 TEST_F(PluginAllocation, FailureDuringAnUnloadThatWasPutOffStillUnloads) {
-    const std::string helper_path = Module("good_v2", "a_helper_with_a_long_name.so");
-    const std::string path = Module("good_v2", "player.so");
+    const std::string helper_path = Module("good_v2", "a_helper_with_a_long_name" MODULE_SUFFIX);
+    const std::string path = Module("good_v2", "player" MODULE_SUFFIX);
     ModuleHook hook;
     LogCapture log;
     void* helper = nullptr;
@@ -255,7 +256,7 @@ TEST_F(PluginAllocation, FailureDuringAnUnloadThatWasPutOffStillUnloads) {
 }
 
 TEST_F(PluginAllocation, FailureInAQueryOnlyCostsMessages) {
-    const std::string path = Module("good_v2", "a_module_with_a_long_name.so");
+    const std::string path = Module("good_v2", "a_module_with_a_long_name" MODULE_SUFFIX);
     LogCapture log;
     ASSERT_EQ(provider.RegisterPlugin(fkey, path, false), VESSA_OK);
     ASSERT_EQ(provider.CreateInstance(fkey, instance, error), VESSA_OK);
@@ -272,7 +273,7 @@ TEST_F(PluginAllocation, FailureInAQueryOnlyCostsMessages) {
 }
 
 TEST_F(PluginAllocation, FailureInTheLoaderKeepsNoEntryAndTheNextSucceeds) {
-    const std::string path = Module("good_v2", "a_module_with_a_long_name.so");
+    const std::string path = Module("good_v2", "a_module_with_a_long_name" MODULE_SUFFIX);
     LogCapture log;
     int reported = 0;
     Plugin* plugin = nullptr;
@@ -296,11 +297,12 @@ TEST_F(PluginAllocation, FailureOfAPrimitiveOfARecordIsOneOfMemory) {
     LogCapture log;
     for (int nth = 1; nth <= 2; ++nth) {
         Runtime runtime;
-        runtime.FailCall(Tova::MutexCreate, nth, ENOMEM);
-        EXPECT_EQ(provider.RegisterPlugin("k", "/nowhere/x.so", true), VESSA_ERR_OUT_OF_MEMORY);
+        runtime.FailCall(Tova::MutexCreate, nth, kErrorNoMemory);
+        EXPECT_EQ(provider.RegisterPlugin("k", "/nowhere/x" MODULE_SUFFIX, true),
+                  VESSA_ERR_OUT_OF_MEMORY);
         EXPECT_EQ(PluginProviderAccess::Collection(provider).count("k"), 0u);
     }
-    EXPECT_EQ(provider.RegisterPlugin("k", "/nowhere/x.so", true), VESSA_OK);
+    EXPECT_EQ(provider.RegisterPlugin("k", "/nowhere/x" MODULE_SUFFIX, true), VESSA_OK);
     EXPECT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
 }
 
@@ -312,7 +314,7 @@ void RegisterInAFreshProcess(long nth) {
     // What the stand-in for the runtime keeps is not to be the allocation that fails.
     { const Runtime runtime; }
     TempDir dir;
-    const std::string path = Install(dir, "good_v2", "a.so");
+    const std::string path = Install(dir, "good_v2", "a" MODULE_SUFFIX);
     const std::string fkey = "k";
     PluginProvider provider;
     int result = 0;

@@ -1,10 +1,11 @@
 // List files that were not written in good faith, or were cut off.
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <new>
 #include <string>
 
+#include "MemoryBlocks.h"
+#include "TestPlatform.h"
 #include "support/LogCapture.h"
 #include "tova.h"
 #include "vessa2/PluginConfigList.h"
@@ -12,6 +13,7 @@
 namespace {
 
 using vessa_test::LogCapture;
+using vessa_test::UsableBytes;
 
 constexpr int kNothing = 6;  // above every level
 
@@ -142,7 +144,7 @@ TEST(PluginConfigListLimits, DoesNotCompleteACutTextFromFormerMemory) {
             void* const memory = operator new(room);
             // Volatile: nobody reads it before it is given back.
             volatile char* const bytes = static_cast<char*>(memory);
-            const size_t usable = malloc_usable_size(memory);
+            const size_t usable = UsableBytes(memory);
             for (size_t i = 0; i < usable; ++i) bytes[i] = i < former.size() ? former[i] : '\0';
             operator delete(memory);
             PluginConfigList list;
@@ -155,7 +157,8 @@ TEST(PluginConfigListLimits, EndsForEveryTruncationOfAFile) {
     const LogCapture silence(kNothing);
     const std::string whole =
         "\xEF\xBB\xBF<?xml version='1.0' encoding='UTF-8'?>\n<!-- \xC3\xA4 -->\n<vessa>\n <plugin "
-        "fkey='\xE2\x82\xAC' file=\"./a&amp;b.so\" delayload='true' x=y/>\n t<![CDATA[\xF0\x9F\x98"
+        "fkey='\xE2\x82\xAC' file=\"./a&amp;b" MODULE_SUFFIX
+        "\" delayload='true' x=y/>\n t<![CDATA[\xF0\x9F\x98"
         "\x80]]></vessa>";
     for (size_t length = 0; length < whole.size(); ++length) {
         PluginConfigList list;

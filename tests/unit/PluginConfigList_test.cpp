@@ -1,24 +1,24 @@
 #include "vessa2/PluginConfigList.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/LogCapture.h"
 #include "support/Runtime.h"
 #include "support/TempDir.h"
+#include "unit/LoggedCode.h"
 
 namespace {
 
+using vessa_test::CanMakeLinks;
+using vessa_test::Code;
+using vessa_test::kErrorFileTooLarge;
 using vessa_test::LogCapture;
 using vessa_test::Runtime;
 using vessa_test::TempDir;
@@ -44,19 +44,20 @@ PluginConfigItem WithDelayLoad(const std::string& value) {
 }
 
 TEST(PluginConfigList, ReadsEveryFieldOfAnElement) {
-    const PluginConfigItem item = Parsed(
-        "<plugin fkey=\" video.decoder \" file=\" ./decoder/decoder.so  \" delayload=\"true\" "
-        "loadfkeys=\"false\" vendor=\" x \"/>");
+    const PluginConfigItem item =
+        Parsed("<plugin fkey=\" video.decoder \" file=\" ./decoder/decoder" MODULE_SUFFIX
+               "  \" delayload=\"true\" loadfkeys=\"false\" vendor=\" x \"/>");
     EXPECT_EQ(item.fkey, "video.decoder");
-    EXPECT_EQ(item.file_path, "./decoder/decoder.so");
+    EXPECT_EQ(item.file_path, "./decoder/decoder" MODULE_SUFFIX);
     EXPECT_TRUE(item.delay_load);
     EXPECT_FALSE(item.load_fkeys);
     EXPECT_EQ(item.config_file_path, "");
-    const std::map<std::string, std::string> attributes = {{"fkey", " video.decoder "},
-                                                           {"file", " ./decoder/decoder.so  "},
-                                                           {"delayload", "true"},
-                                                           {"loadfkeys", "false"},
-                                                           {"vendor", " x "}};
+    const std::map<std::string, std::string> attributes = {
+        {"fkey", " video.decoder "},
+        {"file", " ./decoder/decoder" MODULE_SUFFIX "  "},
+        {"delayload", "true"},
+        {"loadfkeys", "false"},
+        {"vendor", " x "}};
     EXPECT_EQ(item.attributes, attributes);
 }
 
@@ -90,7 +91,8 @@ TEST(PluginConfigList, MatchesNamesExactly) {
 
 TEST(PluginConfigList, StripsOnlyBlanksFromFkeyAndFile) {
     EXPECT_EQ(Parsed("<plugin fkey='  a b  ' file='f'/>").fkey, "a b");
-    EXPECT_EQ(Parsed("<plugin fkey='a' file='  x y.so '/>").file_path, "x y.so");
+    EXPECT_EQ(Parsed("<plugin fkey='a' file='  x y" MODULE_SUFFIX " '/>").file_path,
+              "x y" MODULE_SUFFIX);
     EXPECT_EQ(Parsed("<plugin fkey='&#9;a&#9;' file='&#10;f'/>").fkey, "\ta\t");
     EXPECT_EQ(Parsed("<plugin fkey='&#9;a&#9;' file='&#10;f'/>").file_path, "\nf");
 }
@@ -210,13 +212,15 @@ TEST(PluginConfigList, WritesItsItemsAsText) {
     empty << list;
     EXPECT_EQ(empty.str(), "[]");
 
-    ASSERT_TRUE(list.ParseXmlString(
-        "<vessa><plugin fkey='a' file='/p/a.so' delayload='true' loadfkeys='true' x='y'/>"
-        "<plugin fkey='b' file='/p/b.so' delayload='false'/></vessa>"));
+    ASSERT_TRUE(list.ParseXmlString("<vessa><plugin fkey='a' file='/p/a" MODULE_SUFFIX
+                                    "' delayload='true' loadfkeys='true' x='y'/>"
+                                    "<plugin fkey='b' file='/p/b" MODULE_SUFFIX
+                                    "' delayload='false'/></vessa>"));
     std::ostringstream both;
     both << list;
     const std::string expected =
-        "[{fkey:a, file_path:/p/a.so, delay_load:1}, {fkey:b, file_path:/p/b.so, delay_load:0}]";
+        "[{fkey:a, file_path:/p/a" MODULE_SUFFIX
+        ", delay_load:1}, {fkey:b, file_path:/p/b" MODULE_SUFFIX ", delay_load:0}]";
     EXPECT_EQ(both.str(), expected);
     std::string message = "list ";
     AppendLogText(message, list);
@@ -252,16 +256,18 @@ TEST(PluginConfigList, RefusesAnEmptyPath) {
     EXPECT_TRUE(log.Is({"3 param file_path = ", "5 param file_path should not be empty"}));
 }
 
+void ExpectMissing(const std::string& path) {
+    LogCapture log;
+    PluginConfigList list;
+    EXPECT_FALSE(list.ParseXmlFile(path));
+    EXPECT_TRUE(log.Is({"3 param file_path = " + path, "5 file does not exist, " + path}));
+}
+
 TEST(PluginConfigList, RefusesAFileThatDoesNotExistAndALinkToNowhere) {
     TempDir dir;
-    const std::string missing = dir.Path("tarnet.xml");
-    const std::string dangling = dir.MakeLink("nowhere", "link/tarnet.xml");
-    for (const std::string& path : {missing, dangling}) {
-        LogCapture log;
-        PluginConfigList list;
-        EXPECT_FALSE(list.ParseXmlFile(path));
-        EXPECT_TRUE(log.Is({"3 param file_path = " + path, "5 file does not exist, " + path}));
-    }
+    ExpectMissing(dir.Path("tarnet.xml"));
+    if (!CanMakeLinks()) GTEST_SKIP() << "the link to nowhere: no symbolic links here";
+    ExpectMissing(dir.MakeLink("nowhere", "link/tarnet.xml"));
 }
 
 // One byte below the limit and at it.
@@ -286,7 +292,8 @@ TEST(PluginConfigList, RefusesAFileOfOneMebibyte) {
     PluginConfigList list;
     EXPECT_FALSE(list.ParseXmlFile(path));
     EXPECT_TRUE(
-        log.Is({"3 param file_path = " + path, "5 ReadTextFile failed 27/1B, file path " + path}));
+        log.Is({"3 param file_path = " + path,
+                "5 ReadTextFile failed " + Code(kErrorFileTooLarge) + ", file path " + path}));
 }
 
 TEST(PluginConfigList, RefusesAnEmptyFileAsAnEmptyDocument) {
@@ -298,31 +305,6 @@ TEST(PluginConfigList, RefusesAnEmptyFileAsAnEmptyDocument) {
     EXPECT_TRUE(log.Is(
         {"3 param file_path = " + path, "2 file path " + path + ", config ",
          "2 param xml = ", "5 xmlDoc Parse failed, err[true] Error document empty., xml - "}));
-}
-
-TEST(PluginConfigList, RefusesWhatIsNoRegularFileWithoutWaitingForIt) {
-    TempDir dir;
-    const std::string folder = dir.MakeFolder("folder/tarnet.xml");
-    const std::string fifo = dir.Path("fifo.xml");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::string device = dir.MakeLink("/dev/zero", "device/tarnet.xml");
-    const std::string terminal = dir.MakeLink("/dev/null", "null/tarnet.xml");
-    const std::string socket_path = dir.Path("s");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    ASSERT_LT(socket_path.size(), sizeof address.sun_path);
-    std::memcpy(address.sun_path, socket_path.c_str(), socket_path.size());
-    const int socket_file = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(socket_file, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    for (const std::string& path : {folder, fifo, device, terminal, socket_path}) {
-        LogCapture log;
-        PluginConfigList list;
-        EXPECT_FALSE(list.ParseXmlFile(path));
-        EXPECT_TRUE(log.Is(
-            {"3 param file_path = " + path, "5 ReadTextFile failed {*}/{*}, file path " + path}));
-        EXPECT_EQ(log.Count("ReadTextFile failed 0/0"), 0) << path;
-    }
-    close(socket_file);
 }
 
 TEST(PluginConfigList, AsksTheRuntimeWhetherTheFileExists) {

@@ -1,8 +1,8 @@
 // How a module's entry is found and its table read.
-#include <dlfcn.h>
-
 #include <cstring>
 
+#include "ModuleImage.h"
+#include "TestPlatform.h"
 #include "tova.h"
 #include "unit/PluginWorld.h"
 #include "vessa2/Plugin.h"
@@ -14,7 +14,7 @@ class PluginContract : public PluginTest {
   protected:
     // Loads the module as a plug-in and gives the lines after the load of its file.
     int Load(const std::string& module, Lines* lines) {
-        Plugin plugin(Module(module, module + ".so"));
+        Plugin plugin(Module(module, module + MODULE_SUFFIX));
         LogCapture log;
         const int result = plugin.LoadPlugin();
         *lines = log.Lines();
@@ -26,14 +26,14 @@ class PluginContract : public PluginTest {
     }
 
     Lines Refused(const std::string& module, const std::string& reason) {
-        const std::string path = dir.Path(module + ".so");
+        const std::string path = dir.Path(module + MODULE_SUFFIX);
         const std::string code = Code(VESSA_ERR_NO_INTERFACE);
         return {"3 param plugin_handle = {*h}", "5 " + reason,
                 "5 get plugin ops failed, error " + code + ", plugin handle {*h}, filename " +
-                    module + ".so",
+                    module + MODULE_SUFFIX,
                 "3 param dso_handle = {*h}",
                 "5 load plugin failed, error " + code + ", plugin filename " + module +
-                    ".so, plugin folder path " + Folder(path)};
+                    MODULE_SUFFIX ", plugin folder path " + Folder(path)};
     }
 
     static std::string Hex(const void* pointer) {
@@ -49,7 +49,7 @@ class PluginContract : public PluginTest {
 };
 
 TEST_F(PluginContract, RefusesAnInvalidHandle) {
-    Plugin plugin("/x/y.so");
+    Plugin plugin("/x/y" MODULE_SUFFIX);
     LogCapture log;
     tarnet_export_interface_t2 ops = {};
     EXPECT_EQ(plugin.GetPluginOps(nullptr, ops), VESSA_ERR_ARGUMENT);
@@ -58,7 +58,7 @@ TEST_F(PluginContract, RefusesAnInvalidHandle) {
 }
 
 TEST_F(PluginContract, ReadsAVersion2TableAndShowsItUnderTheKeptLabels) {
-    const std::string path = Module("good_v2", "good.so");
+    const std::string path = Module("good_v2", "good" MODULE_SUFFIX);
     void* const handle = TOVA_LoadDSo(path.c_str());
     ASSERT_NE(handle, nullptr);
     const auto* const table =
@@ -97,7 +97,7 @@ int SomeCreate(const char*, void**) {
 }
 
 TEST_F(PluginContract, ReadsAVersion1TableAndLeavesTheMapSlotAlone) {
-    const std::string path = Module("good_v1", "good.so");
+    const std::string path = Module("good_v1", "good" MODULE_SUFFIX);
     void* const handle = TOVA_LoadDSo(path.c_str());
     ASSERT_NE(handle, nullptr);
     const auto* const table =
@@ -126,7 +126,7 @@ TEST_F(PluginContract, ReadsAVersion1TableAndLeavesTheMapSlotAlone) {
 }
 
 TEST_F(PluginContract, TriesTheFourNamesInTheirOrder) {
-    const std::string path = Module("no_entry", "no_entry.so");
+    const std::string path = Module("no_entry", "no_entry" MODULE_SUFFIX);
     Runtime runtime;
     std::vector<std::string> names;
     runtime.Before(Tova::GetDsoSym, [&](RuntimeCall& call) { names.emplace_back(call.text); });
@@ -136,7 +136,8 @@ TEST_F(PluginContract, TriesTheFourNamesInTheirOrder) {
         lines,
         Refused("no_entry",
                 "no tarnet export entry, e.g. Tarnet_GetPluginInterface, plugin_handle {*h}, "
-                "error 2/2")));
+                "error " +
+                    Code(kErrorNoSymbol))));
     EXPECT_EQ(names, (std::vector<std::string>{
                          "TARNET_GetPluginInterface_V2", "_TARNET_GetPluginInterface_V2@0",
                          "TARNET_GetPluginInterface", "_TARNET_GetPluginInterface@0"}));
@@ -145,28 +146,30 @@ TEST_F(PluginContract, TriesTheFourNamesInTheirOrder) {
 
 TEST_F(PluginContract, ReadsTheErrorThatTheLookUpLeft) {
     Runtime runtime;
-    runtime.FailFrom(Tova::GetDsoSym, 1, ELIBBAD);
+    runtime.FailFrom(Tova::GetDsoSym, 1, kErrorBadModule);
     Lines lines;
     EXPECT_EQ(Load("no_entry", &lines), VESSA_ERR_NO_INTERFACE);
     ASSERT_GE(lines.size(), 2u);
     EXPECT_TRUE(LineMatches(lines[1],
                             "5 no tarnet export entry, e.g. Tarnet_GetPluginInterface, "
-                            "plugin_handle {*}, error 80/50"));
+                            "plugin_handle {*}, error " +
+                                Code(kErrorBadModule)));
 }
 
 // What the decorated names resolve to where they exist.
 TEST_F(PluginContract, ReadsTheDecoratedNamesInTheVersionOfTheirPlainOnes) {
     for (const bool version2 : {true, false}) {
         SCOPED_TRACE(version2);
-        const std::string path = Module(version2 ? "good_v2" : "good_v1", "good.so");
+        const std::string path = Module(version2 ? "good_v2" : "good_v1", "good" MODULE_SUFFIX);
         ModuleHook hook;
         Runtime runtime;
         const std::string decorated =
             version2 ? TARNET_ENTRY_V2_DECORATED : TARNET_ENTRY_V1_DECORATED;
         runtime.Before(Tova::GetDsoSym, [&](RuntimeCall& call) {
-            if (call.text != decorated) return call.Fail(ENOENT);
+            if (call.text != decorated) return call.Fail(kErrorNotFound);
             const char* const plain = version2 ? TARNET_ENTRY_V2 : TARNET_ENTRY_V1;
-            call.ReturnPointer(dlsym(call.object, plain));
+            call.ReturnPointer(
+                FunctionBehind<void*(void*, const char*)>("TOVA_GetDsoSym")(call.object, plain));
         });
         Plugin plugin(path);
         ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
@@ -180,7 +183,7 @@ TEST_F(PluginContract, ReadsTheDecoratedNamesInTheVersionOfTheirPlainOnes) {
 }
 
 TEST_F(PluginContract, ReadsAModuleWithBothEntriesAsVersion2Only) {
-    const std::string path = Module("both_entries", "both.so");
+    const std::string path = Module("both_entries", "both" MODULE_SUFFIX);
     ModuleHook hook;
     Runtime runtime;
     Plugin plugin(path);
@@ -251,12 +254,12 @@ TEST_F(PluginContract, OnlyWarnsOfAMissingVersionOrIkeys) {
                         " in plugin export interface, plugin_handle {*h}",
                     "3 tarnet_handle {*h},Init {*}",
                     "3 load plugin succeeded, plugin handle {*h}, plugin folder " + dir.Path() +
-                        ", plugin filename " + row.module + ".so, " + row.described}));
+                        ", plugin filename " + row.module + MODULE_SUFFIX ", " + row.described}));
     }
 }
 
 TEST_F(PluginContract, SaysNothingOfAMissingMapQuestion) {
-    const std::string path = Module("no_map", "no_map.so");
+    const std::string path = Module("no_map", "no_map" MODULE_SUFFIX);
     Plugin plugin(path);
     LogCapture log;
     ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
@@ -283,9 +286,10 @@ TEST_F(PluginContract, TakesNoEntryFromALibraryThatTheModuleLinks) {
         lines,
         Refused("entry_in_dependency",
                 "no tarnet export entry, e.g. Tarnet_GetPluginInterface, plugin_handle {*h}, "
-                "error 2/2")));
+                "error " +
+                    Code(kErrorNoSymbol))));
     ModuleHook hook;
-    Plugin plugin(Module("v1_entry_v2_in_dependency", "v1.so"));
+    Plugin plugin(Module("v1_entry_v2_in_dependency", "v1" MODULE_SUFFIX));
     ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
     void* instance = nullptr;
     ASSERT_EQ(plugin.CreateInstance("k", instance), 0);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/ListFile.h"
 #include "support/LogCapture.h"
 #include "support/ModuleHook.h"
@@ -60,7 +61,7 @@ class PluginCoordinatorThreads : public testing::Test {
 TEST_F(PluginCoordinatorThreads, AStopDuringTheReadingOfChangedFilesEndsTheRoundUnapplied) {
     const std::string list = dir_.Write("tarnet.xml", ListFile().Text());
     ASSERT_TRUE(coordinator_.Run());
-    const std::string text = ListFile().Plugin("codec", "/p/codec.so", Delayed()).Text();
+    const std::string text = ListFile().Plugin("codec", "/p/codec" MODULE_SUFFIX, Delayed()).Text();
     dir_.Write("tarnet.xml", text);
     log_.Clear();
     log_.OnLine("2 param config_file_path = " + list, [this] {
@@ -98,8 +99,8 @@ TEST_F(PluginCoordinatorThreads, AStopDuringTheReadingOfChangedFilesEndsTheRound
 TEST_F(PluginCoordinatorThreads, AStopDuringTheRegistrationWaitsAndTakesItBack) {
     dir_.Write("tarnet.xml", ListFile().Text());
     ASSERT_TRUE(coordinator_.Run());
-    Install(dir_, "good_v2", "codec.so");
-    dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec.so").Text());
+    Install(dir_, "good_v2", "codec" MODULE_SUFFIX);
+    dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text());
     hook_.On("codec", "Init", [this](ModuleCall&) {
         reached_.Open();
         go_on_.Wait();
@@ -115,8 +116,8 @@ TEST_F(PluginCoordinatorThreads, AStopDuringTheRegistrationWaitsAndTakesItBack) 
 }
 
 TEST_F(PluginCoordinatorThreads, AStopDuringAStartWaitsForItsEnd) {
-    Install(dir_, "good_v2", "codec.so");
-    dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec.so").Text());
+    Install(dir_, "good_v2", "codec" MODULE_SUFFIX);
+    dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text());
     hook_.On("codec", "Init", [this](ModuleCall&) {
         reached_.Open();
         go_on_.Wait();
@@ -145,8 +146,8 @@ TEST_F(PluginCoordinatorThreads, AStopDuringAStartWaitsForItsEnd) {
 }
 
 TEST_F(PluginCoordinatorThreads, ASecondStartWhileTheFirstOneScansReturnsAtOnce) {
-    Install(dir_, "good_v2", "codec.so");
-    dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec.so").Text());
+    Install(dir_, "good_v2", "codec" MODULE_SUFFIX);
+    dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text());
     hook_.On("codec", "Init", [this](ModuleCall&) {
         reached_.Open();
         go_on_.Wait();
@@ -178,9 +179,9 @@ TEST_F(PluginCoordinatorThreads, ASecondStopWhileTheFirstOneWaitsReturnsAtOnce) 
 
 // The round waits to register, the module that it waits for asks for its own attributes.
 TEST_F(PluginCoordinatorThreads, AModuleAsksForItsAttributesWhileAChangeRoundWaitsForIt) {
-    Install(dir_, "good_v2", "codec.so");
+    Install(dir_, "good_v2", "codec" MODULE_SUFFIX);
     dir_.Write("tarnet.xml",
-               ListFile().Plugin("codec", "./codec.so", {{"vendor", "maker"}}).Text());
+               ListFile().Plugin("codec", "./codec" MODULE_SUFFIX, {{"vendor", "maker"}}).Text());
     ASSERT_TRUE(coordinator_.Run());
     std::string vendor;
     Strings fkeys;
@@ -198,7 +199,8 @@ TEST_F(PluginCoordinatorThreads, AModuleAsksForItsAttributesWhileAChangeRoundWai
     });
     reached_.Wait();
 
-    dir_.Write("new/tarnet.xml", ListFile().Plugin("new", "/p/new.so", Delayed()).Text());
+    dir_.Write("new/tarnet.xml",
+               ListFile().Plugin("new", "/p/new" MODULE_SUFFIX, Delayed()).Text());
     // A short wait is a slice of the registration's wait for the module's call.
     runtime_.Before(Tova::SemTimedWait, [this](RuntimeCall& call) {
         if (call.milliseconds > 0 && call.milliseconds < Runtime::kLongWaitMs) go_on_.Open();
@@ -221,8 +223,8 @@ TEST(PluginCoordinatorRaces, QueriesSeeOneWholeListWhateverTheRoundsDo) {
     coordinator.SetConfigFilename("tarnet.xml");
     const auto text = [](const std::string& mark) {
         return ListFile()
-            .Plugin("first", "/p/x.so", {{"delayload", "true"}, {"mark", mark}})
-            .Plugin("last", "/p/x.so", {{"delayload", "true"}, {"mark", mark}})
+            .Plugin("first", "/p/x" MODULE_SUFFIX, {{"delayload", "true"}, {"mark", mark}})
+            .Plugin("last", "/p/x" MODULE_SUFFIX, {{"delayload", "true"}, {"mark", mark}})
             .Text();
     };
     dir.Write("tarnet.xml", text("0"));
@@ -262,7 +264,8 @@ TEST(PluginCoordinatorRaces, QueriesMayComeDuringStartsAndStops) {
     PluginCoordinator coordinator;
     coordinator.SetPluginRoot(dir.Path());
     coordinator.SetConfigFilename("tarnet.xml");
-    dir.Write("tarnet.xml", ListFile().Plugin("only", "/p/x.so", {{"delayload", "true"}}).Text());
+    dir.Write("tarnet.xml",
+              ListFile().Plugin("only", "/p/x" MODULE_SUFFIX, {{"delayload", "true"}}).Text());
     std::atomic<bool> done{false};
     std::atomic<int> odd{0};
     {

@@ -1,24 +1,26 @@
 #include "vessa2/PluginCoordinator.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "TestPlatform.h"
 #include "support/ListFile.h"
 #include "support/LogCapture.h"
 #include "support/ModuleHook.h"
 #include "support/Modules.h"
 #include "support/Runtime.h"
 #include "support/TempDir.h"
+#include "unit/LoggedCode.h"
 
 namespace {
 
+using vessa_test::Code;
 using vessa_test::Install;
+using vessa_test::kErrorNoResources;
 using vessa_test::ListFile;
 using vessa_test::LogCapture;
 using vessa_test::ModuleCall;
@@ -78,25 +80,25 @@ TEST_F(PluginCoordinatorTest, ResolvesOnlyTheTwoRelativePrefixes) {
     const std::string folder = dir_.Path("a/b");
     const std::string list = "a/b/tarnet.xml";
     const std::pair<const char*, std::string> table[] = {
-        {"./x.so", folder + "/x.so"},
-        {"./sub//x.so", folder + "/sub/x.so"},
-        {"././x.so", folder + "/x.so"},
-        {".//x.so", folder + "/x.so"},
-        {"../x.so", dir_.Path("a/x.so")},
-        {"./../x.so", dir_.Path("a/x.so")},
-        {"../../x.so", dir_.Path("x.so")},
-        {"../.././x.so", dir_.Path("x.so")},
-        {".././../x.so", dir_.Path("a") + "/../x.so"},
-        {"./sub/../x.so", folder + "/sub/../x.so"},
-        {"x.so", "x.so"},
-        {"sub/x.so", "sub/x.so"},
-        {".hidden.so", ".hidden.so"},
-        {".../x.so", ".../x.so"},
+        {"./x" MODULE_SUFFIX, folder + "/x" MODULE_SUFFIX},
+        {"./sub//x" MODULE_SUFFIX, folder + "/sub/x" MODULE_SUFFIX},
+        {"././x" MODULE_SUFFIX, folder + "/x" MODULE_SUFFIX},
+        {".//x" MODULE_SUFFIX, folder + "/x" MODULE_SUFFIX},
+        {"../x" MODULE_SUFFIX, dir_.Path("a/x" MODULE_SUFFIX)},
+        {"./../x" MODULE_SUFFIX, dir_.Path("a/x" MODULE_SUFFIX)},
+        {"../../x" MODULE_SUFFIX, dir_.Path("x" MODULE_SUFFIX)},
+        {"../.././x" MODULE_SUFFIX, dir_.Path("x" MODULE_SUFFIX)},
+        {".././../x" MODULE_SUFFIX, dir_.Path("a") + "/../x" MODULE_SUFFIX},
+        {"./sub/../x" MODULE_SUFFIX, folder + "/sub/../x" MODULE_SUFFIX},
+        {"x" MODULE_SUFFIX, "x" MODULE_SUFFIX},
+        {"sub/x" MODULE_SUFFIX, "sub/x" MODULE_SUFFIX},
+        {".hidden" MODULE_SUFFIX, ".hidden" MODULE_SUFFIX},
+        {".../x" MODULE_SUFFIX, ".../x" MODULE_SUFFIX},
         {"..", ".."},
-        {".\\x.so", "x.so"},
-        {"..\\x.so", "../x.so"},
-        {"/abs//./x.so", "/abs/x.so"},
-        {"/abs\\x.so", "/abs/x.so"},
+        {".\\x" MODULE_SUFFIX, "x" MODULE_SUFFIX},
+        {"..\\x" MODULE_SUFFIX, "../x" MODULE_SUFFIX},
+        {"/abs//./x" MODULE_SUFFIX, "/abs/x" MODULE_SUFFIX},
+        {"/abs\\x" MODULE_SUFFIX, "/abs/x" MODULE_SUFFIX},
     };
     for (const auto& [file, resolved] : table) EXPECT_EQ(Resolved(list, file), resolved) << file;
 }
@@ -106,8 +108,9 @@ TEST_F(PluginCoordinatorTest, APathThatClimbsAboveTheFirstFolderBecomesEmpty) {
     for (const char c : dir_.Path()) {
         if (c == '/') up += "../";
     }
-    EXPECT_EQ(Resolved("tarnet.xml", up + "x.so"), "/x.so");
-    EXPECT_EQ(Resolved("tarnet.xml", up + "../x.so"), "");
+    const std::string first = dir_.Path().substr(0, dir_.Path().find('/'));
+    EXPECT_EQ(Resolved("tarnet.xml", up + "x" MODULE_SUFFIX), first + "/x" MODULE_SUFFIX);
+    EXPECT_EQ(Resolved("tarnet.xml", up + "../x" MODULE_SUFFIX), "");
     EXPECT_TRUE(log_.Contains("1 Absolute_path=, current_path=" + dir_.Path() + "/"));
 
     // Such an item can only be refused.
@@ -120,26 +123,28 @@ TEST_F(PluginCoordinatorTest, APathThatClimbsAboveTheFirstFolderBecomesEmpty) {
 }
 
 TEST_F(PluginCoordinatorTest, KeepsThePathOfTheListFileAsItIsGiven) {
-    dir_.Write("a/tarnet.xml", ListFile().Plugin("p", "./x.so").Text());
+    dir_.Write("a/tarnet.xml", ListFile().Plugin("p", "./x" MODULE_SUFFIX).Text());
     const std::string odd = dir_.Path() + "//a/./tarnet.xml";
     PluginConfigList items;
     log_.Clear();
     ASSERT_TRUE(coordinator_.ReadPluginList(odd, items));
     EXPECT_EQ(items.front().config_file_path, odd);
-    EXPECT_EQ(items.front().file_path, dir_.Path("a/x.so"));
-    EXPECT_TRUE(log_.Contains("1 Absolute_path=" + dir_.Path("a/x.so") +
+    EXPECT_EQ(items.front().file_path, dir_.Path("a/x" MODULE_SUFFIX));
+    EXPECT_TRUE(log_.Contains("1 Absolute_path=" + dir_.Path("a/x" MODULE_SUFFIX) +
                               ", current_path=" + dir_.Path("a") + "/"));
 }
 
 TEST_F(PluginCoordinatorTest, AListFileWithoutAFolderCountsAsOneOfTheFirstFolder) {
-    const std::string before = std::filesystem::current_path();
-    dir_.Write("tarnet.xml", ListFile().Plugin("p", "./x.so").Plugin("q", "../x.so").Text());
+    const std::filesystem::path before = std::filesystem::current_path();
+    dir_.Write(
+        "tarnet.xml",
+        ListFile().Plugin("p", "./x" MODULE_SUFFIX).Plugin("q", "../x" MODULE_SUFFIX).Text());
     PluginConfigList items;
-    ASSERT_EQ(chdir(dir_.Path().c_str()), 0);
+    std::filesystem::current_path(std::filesystem::u8path(dir_.Path()));
     const bool read = coordinator_.ReadPluginList("tarnet.xml", items);
-    ASSERT_EQ(chdir(before.c_str()), 0);
+    std::filesystem::current_path(before);
     ASSERT_TRUE(read);
-    EXPECT_EQ(items.front().file_path, "/x.so");
+    EXPECT_EQ(items.front().file_path, "/x" MODULE_SUFFIX);
     EXPECT_EQ(items.back().file_path, "");
 }
 
@@ -155,18 +160,18 @@ TEST_F(PluginCoordinatorTest, ReportsAListFileThatCannotBeRead) {
 
 TEST_F(PluginCoordinatorTest, TriesARefusedRecordAgainWithEveryList) {
     PluginConfigList first;
-    first.push_back(Item("p", "/p/one.so"));
-    first.push_back(Item("p", "/p/two.so", "/other"));
+    first.push_back(Item("p", "/p/one" MODULE_SUFFIX));
+    first.push_back(Item("p", "/p/two" MODULE_SUFFIX, "/other"));
     coordinator_.RegisterPluginList(first);
     EXPECT_EQ(log_.Count("register plugin failed -2147483635"), 1);
     coordinator_.RegisterPluginList({});
     EXPECT_EQ(log_.Count("register plugin failed -2147483635"), 2);
     // And never one that was accepted.
-    EXPECT_EQ(log_.Count("3 param fkey p, file_path /p/one.so"), 1);
+    EXPECT_EQ(log_.Count("3 param fkey p, file_path /p/one" MODULE_SUFFIX), 1);
 
     // Taken out without asking the registry, which has another plug-in under that name.
     PluginConfigList second;
-    second.push_back(Item("p", "/p/two.so", "/other"));
+    second.push_back(Item("p", "/p/two" MODULE_SUFFIX, "/other"));
     log_.Clear();
     coordinator_.UnregisterPluginList(second);
     EXPECT_TRUE(log_.Is({}));
@@ -177,22 +182,22 @@ TEST_F(PluginCoordinatorTest, TriesARefusedRecordAgainWithEveryList) {
 
 TEST_F(PluginCoordinatorTest, SkipsUnknownItemsOfAListToUnregister) {
     PluginConfigList unknown;
-    unknown.push_back(Item("p", "/p/one.so"));
+    unknown.push_back(Item("p", "/p/one" MODULE_SUFFIX));
     coordinator_.UnregisterPluginList(unknown);
     EXPECT_TRUE(log_.Is({}));
 }
 
 TEST_F(PluginCoordinatorTest, ForgetsARecordWhoseUnregistrationFails) {
     PluginConfigList list;
-    list.push_back(Item("p", "/p/one.so"));
+    list.push_back(Item("p", "/p/one" MODULE_SUFFIX));
     coordinator_.RegisterPluginList(list);
     ASSERT_EQ(coordinator_.provider().UnregisterPlugin("p"), 0);
     log_.Clear();
     coordinator_.UnregisterPluginList(list);
-    EXPECT_TRUE(log_.Is(
-        {"3 param fkey = p", "4 unexpected, plugin collection does not contain the fkey, fkey p",
-         "5 unregister plugin failed -2147483647/FFFFFFFF80000001, fkey p, file path /p/one.so, "
-         "config file path /list"}));
+    EXPECT_TRUE(log_.Is({"3 param fkey = p",
+                         "4 unexpected, plugin collection does not contain the fkey, fkey p",
+                         "5 unregister plugin failed -2147483647/FFFFFFFF80000001, fkey p, file "
+                         "path /p/one" MODULE_SUFFIX ", config file path /list"}));
     log_.Clear();
     coordinator_.UnregisterPluginList(list);
     EXPECT_TRUE(log_.Is({}));
@@ -200,33 +205,34 @@ TEST_F(PluginCoordinatorTest, ForgetsARecordWhoseUnregistrationFails) {
 
 TEST_F(PluginCoordinatorTest, UnregistersAndLogsWhatWasRegistered) {
     PluginConfigList registered;
-    registered.push_back(Item("p", "/p/one.so"));
+    registered.push_back(Item("p", "/p/one" MODULE_SUFFIX));
     coordinator_.RegisterPluginList(registered);
     PluginConfigList changed;
-    changed.push_back(Item("p", "/p/two.so"));
+    changed.push_back(Item("p", "/p/two" MODULE_SUFFIX));
     changed.front().delay_load = false;
     log_.Clear();
     coordinator_.UnregisterPluginList(changed);
-    EXPECT_TRUE(log_.Is(
-        {"3 param fkey = p",
-         "3 unregister plugin succeeded, fkey p, file path /p/one.so, delay load true",
-         "3 unregister plugin succeeded, fkey p, file path /p/one.so, delay load true, config file "
-         "path /list"}));
+    EXPECT_TRUE(log_.Is({"3 param fkey = p",
+                         "3 unregister plugin succeeded, fkey p, file path /p/one" MODULE_SUFFIX
+                         ", delay load true",
+                         "3 unregister plugin succeeded, fkey p, file path /p/one" MODULE_SUFFIX
+                         ", delay load true, config file path /list"}));
 }
 
 TEST_F(PluginCoordinatorTest, FindsItemsInTheOrderOfTheFilesAndOfEachFile) {
     dir_.Write("b/tarnet.xml", ListFile()
-                                   .Plugin("x", "/p/b1.so", Delayed())
-                                   .Plugin("z", "/p/z.so", Delayed())
-                                   .Plugin("y", "/p/y.so", Delayed())
+                                   .Plugin("x", "/p/b1" MODULE_SUFFIX, Delayed())
+                                   .Plugin("z", "/p/z" MODULE_SUFFIX, Delayed())
+                                   .Plugin("y", "/p/y" MODULE_SUFFIX, Delayed())
                                    .Text());
-    dir_.Write("a/c/tarnet.xml", ListFile().Plugin("x", "/p/a1.so", {{"vendor", " v "}}).Text());
-    dir_.Write("a/tarnet.xml", ListFile().Plugin("w", "/p/w.so", Delayed()).Text());
+    dir_.Write("a/c/tarnet.xml",
+               ListFile().Plugin("x", "/p/a1" MODULE_SUFFIX, {{"vendor", " v "}}).Text());
+    dir_.Write("a/tarnet.xml", ListFile().Plugin("w", "/p/w" MODULE_SUFFIX, Delayed()).Text());
     ASSERT_TRUE(coordinator_.Run());
 
     PluginConfigItem item;
     ASSERT_TRUE(coordinator_.FindPluginConfig("x", item));
-    EXPECT_EQ(item.file_path, "/p/a1.so");
+    EXPECT_EQ(item.file_path, "/p/a1" MODULE_SUFFIX);
     EXPECT_EQ(item.config_file_path, dir_.Path("a/c/tarnet.xml"));
     EXPECT_EQ(item.attributes.at("vendor"), " v ");
 
@@ -234,7 +240,8 @@ TEST_F(PluginCoordinatorTest, FindsItemsInTheOrderOfTheFilesAndOfEachFile) {
     coordinator_.GetAllPluginConfigs(all);
     Strings paths;
     for (const auto& each : all) paths.push_back(each.file_path);
-    EXPECT_EQ(paths, (Strings{"/p/a1.so", "/p/w.so", "/p/b1.so", "/p/z.so", "/p/y.so"}));
+    EXPECT_EQ(paths, (Strings{"/p/a1" MODULE_SUFFIX, "/p/w" MODULE_SUFFIX, "/p/b1" MODULE_SUFFIX,
+                              "/p/z" MODULE_SUFFIX, "/p/y" MODULE_SUFFIX}));
     Strings fkeys = {"before"};
     coordinator_.GetAllFkeys(fkeys);
     EXPECT_EQ(fkeys, (Strings{"before", "x", "w", "x", "z", "y"}));
@@ -249,19 +256,20 @@ TEST_F(PluginCoordinatorTest, FindsItemsInTheOrderOfTheFilesAndOfEachFile) {
 }
 
 TEST_F(PluginCoordinatorTest, AFailedStartKeepsItsRegistrationsAndReportsOnlyChangesLater) {
-    const std::string module = Install(dir_, "good_v2", "codec.so");
+    const std::string module = Install(dir_, "good_v2", "codec" MODULE_SUFFIX);
     const std::string list =
-        dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec.so").Text());
-    runtime_.FailCall(Tova::Thread_Create, 1, EAGAIN);
+        dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text());
+    runtime_.FailCall(Tova::Thread_Create, 1, kErrorNoResources);
     EXPECT_FALSE(coordinator_.Run());
     EXPECT_FALSE(coordinator_.IsRunning());
     const Strings lines = log_.Lines();
     ASSERT_GE(lines.size(), 3u);
-    EXPECT_TRUE(vessa_test::LinesAre(
-        Strings(lines.end() - 3, lines.end()),
-        {"1 config file changed end", "5 [{*}]SetTimer failed, system error 11/B",
-         "5 start config monitor failed, plugin root " + dir_.Path() +
-             ", config filename tarnet.xml"}));
+    EXPECT_TRUE(
+        vessa_test::LinesAre(Strings(lines.end() - 3, lines.end()),
+                             {"1 config file changed end",
+                              "5 [{*}]SetTimer failed, system error " + Code(kErrorNoResources),
+                              "5 start config monitor failed, plugin root " + dir_.Path() +
+                                  ", config filename tarnet.xml"}));
     EXPECT_EQ(Create("codec"), 0);
     PluginConfigItem item;
     EXPECT_TRUE(coordinator_.FindPluginConfig("codec", item));
@@ -286,8 +294,8 @@ TEST_F(PluginCoordinatorTest, AFailedStartKeepsItsRegistrationsAndReportsOnlyCha
 }
 
 TEST_F(PluginCoordinatorTest, AModuleThatStartsItAgainFindsItRunning) {
-    Install(dir_, "good_v2", "codec.so");
-    dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec.so").Text());
+    Install(dir_, "good_v2", "codec" MODULE_SUFFIX);
+    dir_.Write("tarnet.xml", ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text());
     bool nested = false;
     hook_.On("codec", "Init", [&](ModuleCall&) { nested = coordinator_.Run(); });
     EXPECT_TRUE(coordinator_.Run());
@@ -297,9 +305,9 @@ TEST_F(PluginCoordinatorTest, AModuleThatStartsItAgainFindsItRunning) {
 }
 
 TEST_F(PluginCoordinatorTest, EverythingIsGivenBackAfterManyStarts) {
-    Install(dir_, "map_two", "map_two.so");
+    Install(dir_, "map_two", "map_two" MODULE_SUFFIX);
     dir_.Write("tarnet.xml",
-               ListFile().Plugin("p", "./map_two.so", {{"loadfkeys", "true"}}).Text());
+               ListFile().Plugin("p", "./map_two" MODULE_SUFFIX, {{"loadfkeys", "true"}}).Text());
     dir_.Write("broken/tarnet.xml", "<");
     ASSERT_TRUE(coordinator_.Run());
     ASSERT_TRUE(coordinator_.Shutdown());
@@ -318,15 +326,15 @@ TEST_F(PluginCoordinatorTest, EverythingIsGivenBackAfterManyStarts) {
 
 // A list file is found at its path, so a relative root gives relative paths.
 TEST_F(PluginCoordinatorTest, ARootNeedNotBeAbsolute) {
-    const std::string before = std::filesystem::current_path();
-    Install(dir_, "good_v2", "root/codec.so");
-    dir_.Write("root/tarnet.xml", ListFile().Plugin("codec", "./codec.so").Text());
+    const std::filesystem::path before = std::filesystem::current_path();
+    Install(dir_, "good_v2", "root/codec" MODULE_SUFFIX);
+    dir_.Write("root/tarnet.xml", ListFile().Plugin("codec", "./codec" MODULE_SUFFIX).Text());
     coordinator_.SetPluginRoot("./root/");
-    ASSERT_EQ(chdir(dir_.Path().c_str()), 0);
+    std::filesystem::current_path(std::filesystem::u8path(dir_.Path()));
     const bool ran = coordinator_.Run();
-    ASSERT_EQ(chdir(before.c_str()), 0);
+    std::filesystem::current_path(before);
     EXPECT_TRUE(ran);
-    EXPECT_TRUE(log_.Contains("1 Absolute_path=root/codec.so, current_path=root/"));
+    EXPECT_TRUE(log_.Contains("1 Absolute_path=root/codec" MODULE_SUFFIX ", current_path=root/"));
     EXPECT_EQ(Create("codec"), 0);
 }
 

@@ -1,5 +1,6 @@
 #include "vessa2/PluginLoader.h"
 
+#include "TestPlatform.h"
 #include "unit/PluginWorld.h"
 
 namespace vessa_test {
@@ -37,7 +38,7 @@ TEST_F(PluginLoaderTest, IsOneForTheProcess) {
 }
 
 TEST_F(PluginLoaderTest, StaysWhileItHoldsAModule) {
-    const std::string path = Module("good_v2", "good.so");
+    const std::string path = Module("good_v2", "good" MODULE_SUFFIX);
     Plugin* plugin = nullptr;
     PluginLoader& whole = PluginLoader::Instance();
     ASSERT_EQ(whole.LoadPlugin(path, plugin), VESSA_OK);
@@ -59,7 +60,7 @@ TEST_F(PluginLoaderTest, RefusesPathsWithoutAFileName) {
 }
 
 TEST_F(PluginLoaderTest, SharesOneObjectForOnePathAndUnloadsWithTheLastReference) {
-    const std::string path = Module("good_v2", "x/a.so");
+    const std::string path = Module("good_v2", "x/a" MODULE_SUFFIX);
     ModuleHook hook;
     LogCapture log;
     Plugin* first = nullptr;
@@ -81,8 +82,8 @@ TEST_F(PluginLoaderTest, SharesOneObjectForOnePathAndUnloadsWithTheLastReference
 }
 
 TEST_F(PluginLoaderTest, TakesDifferentSpellingsOfAPathAsOne) {
-    const std::string path = Module("good_v2", "x/a.so");
-    std::string other = dir.Path() + "/./x\\\\a.so";
+    const std::string path = Module("good_v2", "x/a" MODULE_SUFFIX);
+    std::string other = dir.Path() + "/./x\\\\a" MODULE_SUFFIX;
     Plugin* first = nullptr;
     Plugin* second = nullptr;
     ASSERT_EQ(own.LoadPlugin(path, first), VESSA_OK);
@@ -95,16 +96,16 @@ TEST_F(PluginLoaderTest, TakesDifferentSpellingsOfAPathAsOne) {
 TEST_F(PluginLoaderTest, TakesNamesThatDifferInCaseAsDifferentModules) {
     Plugin* lower = nullptr;
     Plugin* upper = nullptr;
-    ASSERT_EQ(own.LoadPlugin(Module("good_v2", "x/a.so"), lower), VESSA_OK);
-    ASSERT_EQ(own.LoadPlugin(Module("good_v2", "y/A.so"), upper), VESSA_OK);
+    ASSERT_EQ(own.LoadPlugin(Module("good_v2", "x/a" MODULE_SUFFIX), lower), VESSA_OK);
+    ASSERT_EQ(own.LoadPlugin(Module("good_v2", "y/A" MODULE_SUFFIX), upper), VESSA_OK);
     EXPECT_NE(lower, upper);
     EXPECT_EQ(own.UnloadPlugin(lower), VESSA_OK);
     EXPECT_EQ(own.UnloadPlugin(upper), VESSA_OK);
 }
 
 TEST_F(PluginLoaderTest, RefusesTheSameFileNameFromAnotherFolder) {
-    const std::string path = Module("good_v2", "x/a.so");
-    const std::string other = Module("good_v2", "y/a.so");
+    const std::string path = Module("good_v2", "x/a" MODULE_SUFFIX);
+    const std::string other = Module("good_v2", "y/a" MODULE_SUFFIX);
     Plugin* plugin = nullptr;
     Plugin* refused = nullptr;
     ASSERT_EQ(own.LoadPlugin(path, plugin), VESSA_OK);
@@ -123,7 +124,7 @@ TEST_F(PluginLoaderTest, RefusesTheSameFileNameFromAnotherFolder) {
 }
 
 TEST_F(PluginLoaderTest, KeepsNoEntryOfAModuleThatFailsToLoad) {
-    const std::string path = Module("init_fails", "a.so");
+    const std::string path = Module("init_fails", "a" MODULE_SUFFIX);
     LogCapture log;
     int mark = 0;
     auto* plugin = reinterpret_cast<Plugin*>(&mark);
@@ -131,34 +132,35 @@ TEST_F(PluginLoaderTest, KeepsNoEntryOfAModuleThatFailsToLoad) {
     EXPECT_EQ(plugin, nullptr);
     EXPECT_TRUE(collection.empty());
     EXPECT_EQ(log.Lines().back(), Refused(path, VESSA_ERR_MODULE_INIT));
-    EXPECT_EQ(own.LoadPlugin(Module("good_v2", "y/a.so"), plugin), VESSA_OK);
+    EXPECT_EQ(own.LoadPlugin(Module("good_v2", "y/a" MODULE_SUFFIX), plugin), VESSA_OK);
     EXPECT_EQ(own.UnloadPlugin(plugin), VESSA_OK);
 }
 
 TEST_F(PluginLoaderTest, ReplacesAnEntryWithoutObject) {
-    const std::string path = Module("good_v2", "a.so");
-    collection["a.so"] = nullptr;
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
+    collection["a" MODULE_SUFFIX] = nullptr;
     LogCapture log;
     Plugin* plugin = nullptr;
     ASSERT_EQ(own.LoadPlugin(path, plugin), VESSA_OK);
-    EXPECT_TRUE(log.Is(
-        Lines{"3 param file_path = " + path,
-              "4 unexpected, plugin collection contains NULL pointer, plugin filename a.so",
-              "3 param file_path = " + path,
-              "3 filename_ = a.so, folder_path_ = " + dir.Path() + ", file_path_ = " + path} +
-        ModuleLoad(path) + LoaderDone(path, 1)));
+    EXPECT_TRUE(log.Is(Lines{"3 param file_path = " + path,
+                             "4 unexpected, plugin collection contains NULL pointer, plugin "
+                             "filename a" MODULE_SUFFIX,
+                             "3 param file_path = " + path,
+                             "3 filename_ = a" MODULE_SUFFIX ", folder_path_ = " + dir.Path() +
+                                 ", file_path_ = " + path} +
+                       ModuleLoad(path) + LoaderDone(path, 1)));
     EXPECT_EQ(own.UnloadPlugin(plugin), VESSA_OK);
 }
 
 TEST_F(PluginLoaderTest, RefusesToUnloadWhatItDoesNotHold) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     Plugin foreign(path);
     LogCapture log;
     EXPECT_EQ(own.UnloadPlugin(nullptr), VESSA_ERR_ARGUMENT);
     EXPECT_EQ(own.UnloadPlugin(&foreign), -1);
-    collection["a.so"] = nullptr;
+    collection["a" MODULE_SUFFIX] = nullptr;
     EXPECT_EQ(own.UnloadPlugin(&foreign), -1);
-    EXPECT_EQ(collection.count("a.so"), 1u);
+    EXPECT_EQ(collection.count("a" MODULE_SUFFIX), 1u);
     Plugin* held = nullptr;
     ASSERT_EQ(own.LoadPlugin(path, held), VESSA_OK);
     EXPECT_EQ(own.UnloadPlugin(&foreign), -1);
@@ -167,27 +169,29 @@ TEST_F(PluginLoaderTest, RefusesToUnloadWhatItDoesNotHold) {
     EXPECT_TRUE(LinesAre(
         {lines[0], lines[1], lines[2], lines.back()},
         {"5 param plugin should not be NULL",
-         "5 unexpected, plugin not found, plugin filename a.so, param plugin " + f,
-         "5 unexpected, plugin collection contains NULL pointer, plugin filename a.so, plugin " + f,
+         "5 unexpected, plugin not found, plugin filename a" MODULE_SUFFIX ", param plugin " + f,
+         "5 unexpected, plugin collection contains NULL pointer, plugin filename a" MODULE_SUFFIX
+         ", plugin " +
+             f,
          "5 unexpected, plugin not matched, param plugin " + f + ", collection contains " +
-             Address(held) + ", plugin filename a.so"}));
+             Address(held) + ", plugin filename a" MODULE_SUFFIX}));
     EXPECT_EQ(held->reference_counter().Get(), 1);
     EXPECT_EQ(own.UnloadPlugin(held), VESSA_OK);
 }
 
 TEST_F(PluginLoaderTest, KeepsTheReferenceAndTheNameOfAModuleWhoseUninitFails) {
-    const std::string path = Module("uninit_fails", "x/a.so");
-    const std::string other = Module("good_v2", "y/a.so");
+    const std::string path = Module("uninit_fails", "x/a" MODULE_SUFFIX);
+    const std::string other = Module("good_v2", "y/a" MODULE_SUFFIX);
     ModuleHook hook;
     Plugin* plugin = nullptr;
     ASSERT_EQ(own.LoadPlugin(path, plugin), VESSA_OK);
     LogCapture log;
     EXPECT_EQ(own.UnloadPlugin(plugin), VESSA_ERR_MODULE_UNINIT);
     EXPECT_TRUE(log.Is({"4 uninit plugin failed, error 9/9, plugin folder path " + Folder(path) +
-                            ", plugin filename a.so",
+                            ", plugin filename a" MODULE_SUFFIX,
                         "3 param dso_handle = {*h}",
                         "5 unload plugin failed " + Code(VESSA_ERR_MODULE_UNINIT) + ", plugin " +
-                            Address(plugin) + ", plugin filename a.so"}));
+                            Address(plugin) + ", plugin filename a" MODULE_SUFFIX}));
     EXPECT_EQ(hook.Count("a", "Unload"), 1);
     Plugin* refused = nullptr;
     EXPECT_EQ(own.LoadPlugin(other, refused), VESSA_ERR_PLUGIN_CONFLICT);
@@ -208,8 +212,8 @@ TEST_F(PluginLoaderTest, KeepsTheReferenceAndTheNameOfAModuleWhoseUninitFails) {
 }
 
 TEST_F(PluginLoaderTest, IsUnlockedDuringLoadsAndUnloads) {
-    const std::string a = Module("good_v2", "a.so");
-    const std::string b = Module("good_v2", "b.so");
+    const std::string a = Module("good_v2", "a" MODULE_SUFFIX);
+    const std::string b = Module("good_v2", "b" MODULE_SUFFIX);
     Gate inside;
     Gate go_on;
     ModuleHook hook;
@@ -230,7 +234,7 @@ TEST_F(PluginLoaderTest, IsUnlockedDuringLoadsAndUnloads) {
 }
 
 TEST_F(PluginLoaderTest, DestroysItsObjectsWithoutUnloadingThem) {
-    const std::string path = Module("good_v2", "a.so");
+    const std::string path = Module("good_v2", "a" MODULE_SUFFIX);
     ModuleHook hook;
     {
         PluginLoader loader_of_its_own;

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "TestPlatform.h"
 #include "unit/PluginWorld.h"
 
 namespace vessa_test {
@@ -8,7 +9,7 @@ namespace {
 class PluginProviderInstances : public ProviderTest {
   protected:
     void Declare(const std::string& fkey, const std::string& module) {
-        path = Module(module, module + ".so");
+        path = Module(module, module + MODULE_SUFFIX);
         ASSERT_EQ(provider.RegisterPlugin(fkey, path, true), VESSA_OK);
     }
     // Takes out what counts as live for good.

@@ -1,6 +1,7 @@
 // Everything at once, with nothing in between that would put the threads in order.
 #include <atomic>
 
+#include "TestPlatform.h"
 #include "skrib.h"
 #include "unit/PluginWorld.h"
 
@@ -49,8 +50,8 @@ class PluginProviderRaces : public ProviderTest {
 
 TEST_F(PluginProviderRaces, NeverTakeAModuleFromUnderALiveInstance) {
     const Silence silence;
-    const std::string shared = Module("good_v2", "shared.so");
-    const std::string own = Module("good_v2", "own.so");
+    const std::string shared = Module("good_v2", "shared" MODULE_SUFFIX);
+    const std::string own = Module("good_v2", "own" MODULE_SUFFIX);
     const std::pair<std::string, std::string> plugins[] = {
         {"a", shared}, {"b", shared}, {"c", own}};
     for (const auto& [fkey, path] : plugins)
@@ -83,7 +84,7 @@ TEST_F(PluginProviderRaces, NeverTakeAModuleFromUnderALiveInstance) {
 
 TEST_F(PluginProviderRaces, LoadAndUnloadOneModuleThroughManyKeys) {
     const Silence silence;
-    const std::string path = Module("good_v2", "shared.so");
+    const std::string path = Module("good_v2", "shared" MODULE_SUFFIX);
     constexpr int kThreads = 4;
     Barrier start(kThreads);
     {

@@ -1,6 +1,7 @@
 // What modules call back, and what threads do to each other meanwhile.
 #include <atomic>
 
+#include "TestPlatform.h"
 #include "unit/PluginWorld.h"
 
 namespace vessa_test {
@@ -9,7 +10,7 @@ namespace {
 class PluginProviderReentrancy : public ProviderTest {
   protected:
     void Declare(const std::string& fkey, bool delay_load = true) {
-        path[fkey] = Module("good_v2", fkey + ".so");
+        path[fkey] = Module("good_v2", fkey + MODULE_SUFFIX);
         ASSERT_EQ(provider.RegisterPlugin(fkey, path[fkey], delay_load), VESSA_OK);
     }
     int Create(const std::string& fkey, void** made) {
@@ -174,7 +175,7 @@ TEST_F(PluginProviderReentrancy, LetsAModuleCreateBehindAWaitingWriter) {
     hook.On("a", "CreateInstance_V2", [&](ModuleCall&) {
         thread = std::make_unique<JoiningThread>([&] {
             writer = std::this_thread::get_id();
-            EXPECT_EQ(provider.RegisterPlugin("c", "/nowhere/c.so", true), VESSA_OK);
+            EXPECT_EQ(provider.RegisterPlugin("c", "/nowhere/c" MODULE_SUFFIX, true), VESSA_OK);
         });
         waits.Wait();
         EXPECT_EQ(Create("b", &helper), VESSA_OK);
@@ -229,13 +230,13 @@ TEST_F(PluginProviderReentrancy, LetsOthersCreateWhileAWriterWaitsForASlowInit) 
         in_init.Open();
         go_on.Wait();
     });
-    path["slow"] = Module("good_v2", "slow.so");
+    path["slow"] = Module("good_v2", "slow" MODULE_SUFFIX);
     JoiningThread registers(
         [&] { EXPECT_EQ(provider.RegisterPlugin("slow", path["slow"], false), VESSA_OK); });
     in_init.Wait();
     JoiningThread waiting([&] {
         writer = std::this_thread::get_id();
-        EXPECT_EQ(provider.RegisterPlugin("c", "/nowhere/c.so", true), VESSA_OK);
+        EXPECT_EQ(provider.RegisterPlugin("c", "/nowhere/c" MODULE_SUFFIX, true), VESSA_OK);
     });
     waits.Wait();
     EXPECT_EQ(Create("b", &instance), VESSA_OK);
@@ -328,7 +329,7 @@ TEST_F(PluginProviderLateUnload, DoesNotEraseAnotherRegistration) {
         EXPECT_EQ(provider.RegisterPlugin("k", path["k"], false), VESSA_OK);
     });
     EXPECT_EQ(line, "3 not need unload plugin, fkey k, plugin file path " + path["k"]);
-    EXPECT_EQ(References("k.so"), 1);
+    EXPECT_EQ(References("k" MODULE_SUFFIX), 1);
     ASSERT_EQ(Create("k", &instance), VESSA_OK);
     EXPECT_EQ(Destroy(instance), VESSA_OK);
     EXPECT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);

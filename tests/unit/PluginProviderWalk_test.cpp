@@ -1,9 +1,8 @@
 // The registration's checks, against a plain walk over everything that is registered.
-#include <dlfcn.h>
-
 #include <atomic>
 #include <random>
 
+#include "TestPlatform.h"
 #include "common/NormalizePath.h"
 #include "skrib.h"
 #include "support/Allocation.h"
@@ -16,9 +15,8 @@ std::atomic<long> threshold_reads{0};
 
 }  // namespace
 
-extern "C" int SKRIB_GetThreshold(void* logger) {
-    using GetThreshold = int (*)(void*);
-    static const auto real = reinterpret_cast<GetThreshold>(dlsym(RTLD_NEXT, "SKRIB_GetThreshold"));
+STAND_IN(int, SKRIB_GetThreshold)(void* logger) {
+    static const auto real = vessa_test::FunctionBehind<int(void*)>("SKRIB_GetThreshold");
     ++threshold_reads;
     return real(logger);
 }
@@ -231,7 +229,8 @@ TEST_F(RegistrationWalk, CostsTheSameForEachOfTenThousandModules) {
     for (const int threshold : {1, 4}) {
         LogCapture log(threshold);
         ExpectLinear([](int i) {
-            return "/a/folder/with/a/long/name/module_with_a_long_name" + std::to_string(i) + ".so";
+            return "/a/folder/with/a/long/name/module_with_a_long_name" + std::to_string(i) +
+                   MODULE_SUFFIX;
         });
     }
 }
@@ -239,8 +238,9 @@ TEST_F(RegistrationWalk, CostsTheSameForEachOfTenThousandModules) {
 // A look at another key of the same module asks whether the warning is wanted.
 TEST_F(RegistrationWalk, CostsTheSameForEachOfTenThousandKeysOfOneModuleIfNobodyReadsTheWarnings) {
     LogCapture log(5);
-    ExpectLinear(
-        [](int) { return std::string("/a/folder/with/a/long/name/module_with_a_long_name.so"); });
+    ExpectLinear([](int) {
+        return std::string("/a/folder/with/a/long/name/module_with_a_long_name" MODULE_SUFFIX);
+    });
 }
 
 }  // namespace

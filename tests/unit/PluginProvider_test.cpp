@@ -1,5 +1,6 @@
 #include "vessa2/PluginProvider.h"
 
+#include "TestPlatform.h"
 #include "unit/PluginWorld.h"
 
 namespace vessa_test {
@@ -22,15 +23,15 @@ class PluginProviderTest : public ProviderTest {
 
 TEST_F(PluginProviderTest, RefusesEmptyAndNamelessArguments) {
     LogCapture log;
-    EXPECT_EQ(provider.RegisterPlugin("", "/p/x.so", true), VESSA_ERR_ARGUMENT);
+    EXPECT_EQ(provider.RegisterPlugin("", "/p/x" MODULE_SUFFIX, true), VESSA_ERR_ARGUMENT);
     EXPECT_EQ(provider.RegisterPlugin("k", "", true), VESSA_ERR_ARGUMENT);
     EXPECT_EQ(provider.RegisterPlugin("k", "/", true), VESSA_ERR_ARGUMENT);
     EXPECT_EQ(provider.RegisterPlugin("k", "C:/", true), VESSA_ERR_ARGUMENT);
     EXPECT_EQ(provider.UnregisterPlugin(""), VESSA_ERR_ARGUMENT);
     EXPECT_TRUE(log.Is(
-        {"3 param fkey , file_path /p/x.so, delay_load true", "5 param fkey should not be empty",
-         "3 param fkey k, file_path , delay_load true", "5 param file_path should not be empty",
-         "3 param fkey k, file_path /, delay_load true",
+        {"3 param fkey , file_path /p/x" MODULE_SUFFIX ", delay_load true",
+         "5 param fkey should not be empty", "3 param fkey k, file_path , delay_load true",
+         "5 param file_path should not be empty", "3 param fkey k, file_path /, delay_load true",
          "5 param file_path does not contain filename, file_path /",
          "3 param fkey k, file_path C:/, delay_load true",
          "5 param file_path does not contain filename, file_path C:/",
@@ -49,7 +50,7 @@ TEST_F(PluginProviderTest, NamesTheFileOfAPathThatEndsInASlash) {
 }
 
 TEST_F(PluginProviderTest, LoadsAtRegistrationUnlessDelayed) {
-    const std::string path = Module("good_v2", "x.so");
+    const std::string path = Module("good_v2", "x" MODULE_SUFFIX);
     ModuleHook hook;
     LogCapture log;
     EXPECT_EQ(provider.RegisterPlugin("now", path, false), VESSA_OK);
@@ -69,7 +70,7 @@ TEST_F(PluginProviderTest, LoadsAtRegistrationUnlessDelayed) {
 }
 
 TEST_F(PluginProviderTest, LetsTwoKeysShareOneModuleWithAWarning) {
-    const std::string path = Module("good_v2", "x.so");
+    const std::string path = Module("good_v2", "x" MODULE_SUFFIX);
     ModuleHook hook;
     ASSERT_EQ(provider.RegisterPlugin("a", path, false), VESSA_OK);
     LogCapture log;
@@ -116,7 +117,7 @@ TEST_F(PluginProviderTest, RefusesTheSameKeyWithAnotherFile) {
 }
 
 TEST_F(PluginProviderTest, AcceptsTheSameRegistrationAgainAndTakesItsDelay) {
-    const std::string path = Module("good_v2", "x.so");
+    const std::string path = Module("good_v2", "x" MODULE_SUFFIX);
     ModuleHook hook;
     Declare("a", path);
     EXPECT_TRUE(hook.Journal().empty());
@@ -135,7 +136,7 @@ TEST_F(PluginProviderTest, AcceptsTheSameRegistrationAgainAndTakesItsDelay) {
 }
 
 TEST_F(PluginProviderTest, RegistersAPluginWhoseModuleFailsToLoad) {
-    const std::string path = dir.Path("late.so");
+    const std::string path = dir.Path("late" MODULE_SUFFIX);
     LogCapture log;
     EXPECT_EQ(provider.RegisterPlugin("k", path, false), VESSA_OK);
     const Lines lines = log.Lines();
@@ -143,14 +144,14 @@ TEST_F(PluginProviderTest, RegistersAPluginWhoseModuleFailsToLoad) {
         Lines(lines.end() - 2, lines.end()),
         Lines{"5 load plugin failed -2147483646/FFFFFFFF80000002, fkey k, file path " + path} +
             Registered("k", path, false)));
-    Module("good_v2", "late.so");
+    Module("good_v2", "late" MODULE_SUFFIX);
     ASSERT_EQ(provider.CreateInstance("k", instance, error), VESSA_OK);
     EXPECT_EQ(provider.DestroyInstance(instance, error), VESSA_OK);
     Remove({"k"});
 }
 
 TEST_F(PluginProviderTest, ComparesKeysByTheirBytes) {
-    Declare("Key", "/p/upper.so");
+    Declare("Key", "/p/upper" MODULE_SUFFIX);
     LogCapture log;
     EXPECT_EQ(provider.UnregisterPlugin("key"), VESSA_ERR_ARGUMENT);
     EXPECT_TRUE(log.Is({"3 param fkey = key",
@@ -159,7 +160,7 @@ TEST_F(PluginProviderTest, ComparesKeysByTheirBytes) {
 }
 
 TEST_F(PluginProviderTest, PutsTheUnloadOffWhileInstancesLive) {
-    const std::string path = Module("good_v2", "x.so");
+    const std::string path = Module("good_v2", "x" MODULE_SUFFIX);
     ModuleHook hook;
     Declare("k", path);
     void* second = nullptr;
@@ -208,7 +209,7 @@ TEST_F(PluginProviderTest, PutsTheUnloadOffWhileInstancesLive) {
 }
 
 TEST_F(PluginProviderTest, KeepsARecordThatIsRegisteredAgainWithItsInstances) {
-    const std::string path = Module("good_v2", "x.so");
+    const std::string path = Module("good_v2", "x" MODULE_SUFFIX);
     Declare("k", path);
     ASSERT_EQ(provider.CreateInstance("k", instance, error), VESSA_OK);
     ASSERT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
@@ -230,16 +231,16 @@ TEST_F(PluginProviderTest, KeepsARecordThatIsRegisteredAgainWithItsInstances) {
 TEST_F(PluginProviderTest, CountsAnEntryWithoutRecordAsRegisteredWithAnEmptyPath) {
     PluginProviderAccess::AddWithoutRecord(provider, "b");
     LogCapture log;
-    EXPECT_EQ(provider.RegisterPlugin("b", "/p/x.so", true), VESSA_ERR_PLUGIN_CONFLICT);
-    EXPECT_EQ(provider.RegisterPlugin("a", "/p/x.so", true), VESSA_OK);
+    EXPECT_EQ(provider.RegisterPlugin("b", "/p/x" MODULE_SUFFIX, true), VESSA_ERR_PLUGIN_CONFLICT);
+    EXPECT_EQ(provider.RegisterPlugin("a", "/p/x" MODULE_SUFFIX, true), VESSA_OK);
     const std::string invalid =
         "4 unexpected, plugin_collection contains invalid plugin, plugin fkey b";
-    EXPECT_TRUE(log.Is(Registering("b", "/p/x.so", true) +
+    EXPECT_TRUE(log.Is(Registering("b", "/p/x" MODULE_SUFFIX, true) +
                        Lines{invalid,
                              "5 plugin conflict, plugin fkey already exists, fkey b, param "
-                             "file_path /p/x.so, registered plugin file path "} +
-                       Registering("a", "/p/x.so", true) + Lines{invalid} +
-                       Registered("a", "/p/x.so", true)));
+                             "file_path /p/x" MODULE_SUFFIX ", registered plugin file path "} +
+                       Registering("a", "/p/x" MODULE_SUFFIX, true) + Lines{invalid} +
+                       Registered("a", "/p/x" MODULE_SUFFIX, true)));
     log.Clear();
     EXPECT_EQ(provider.CreateInstance("b", instance, error), -1);
     int count = 5;
@@ -249,28 +250,29 @@ TEST_F(PluginProviderTest, CountsAnEntryWithoutRecordAsRegisteredWithAnEmptyPath
                         "2 param fkey = b", "5 unexpected, plugin data is invalid, fkey b",
                         "3 param fkey = b", "4 unexpected, plugin data is invalid, fkey b"}));
     log.Clear();
-    EXPECT_EQ(provider.RegisterPlugin("b", "/p/y.so", true), VESSA_OK);
-    EXPECT_TRUE(log.Is(Registering("b", "/p/y.so", true) + Registered("b", "/p/y.so", true)));
+    EXPECT_EQ(provider.RegisterPlugin("b", "/p/y" MODULE_SUFFIX, true), VESSA_OK);
+    EXPECT_TRUE(log.Is(Registering("b", "/p/y" MODULE_SUFFIX, true) +
+                       Registered("b", "/p/y" MODULE_SUFFIX, true)));
     Remove({"a", "b"});
 }
 
 TEST_F(PluginProviderTest, KeepsTheFileNameOfAModuleWhoseUninitFails) {
-    const std::string path = Module("uninit_fails", "x/u.so");
-    const std::string other = Module("good_v2", "y/u.so");
+    const std::string path = Module("uninit_fails", "x/u" MODULE_SUFFIX);
+    const std::string other = Module("good_v2", "y/u" MODULE_SUFFIX);
     ASSERT_EQ(provider.RegisterPlugin("k", path, false), VESSA_OK);
     const std::string code = Code(VESSA_ERR_MODULE_UNINIT);
     {
         LogCapture log;
         EXPECT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
-        EXPECT_TRUE(
-            log.Is(Lines{"3 param fkey = k",
-                         "4 uninit plugin failed, error 9/9, plugin folder path " + Folder(path) +
-                             ", plugin filename u.so",
-                         "3 param dso_handle = {*h}",
-                         "5 unload plugin failed " + code + ", plugin {*p}, plugin filename u.so",
-                         "5 unload plugin failed, plugin {*p}, plugin file path " + path,
-                         "5 unload plugin failed " + code + ", fkey k, file path " + path} +
-                   Unregistered("k", path, false)));
+        EXPECT_TRUE(log.Is(Lines{"3 param fkey = k",
+                                 "4 uninit plugin failed, error 9/9, plugin folder path " +
+                                     Folder(path) + ", plugin filename u" MODULE_SUFFIX,
+                                 "3 param dso_handle = {*h}",
+                                 "5 unload plugin failed " + code +
+                                     ", plugin {*p}, plugin filename u" MODULE_SUFFIX,
+                                 "5 unload plugin failed, plugin {*p}, plugin file path " + path,
+                                 "5 unload plugin failed " + code + ", fkey k, file path " + path} +
+                           Unregistered("k", path, false)));
     }
     LogCapture log;
     EXPECT_EQ(provider.RegisterPlugin("o", other, false), VESSA_OK);
@@ -281,13 +283,14 @@ TEST_F(PluginProviderTest, KeepsTheFileNameOfAModuleWhoseUninitFails) {
     Remove({"o"});
 
     EXPECT_EQ(provider.RegisterPlugin("k", path, false), VESSA_OK);
-    EXPECT_TRUE(log.Contains("plugin filename u.so, reference counter 2, plugin path " + path));
+    EXPECT_TRUE(log.Contains(
+        "plugin filename u" MODULE_SUFFIX ", reference counter 2, plugin path " + path));
     Remove({"k"});
     Forget(path);
 }
 
 TEST_F(PluginProviderTest, ReportsAFailedUnloadThatWasPutOffAndIgnoresIt) {
-    const std::string path = Module("uninit_fails", "u.so");
+    const std::string path = Module("uninit_fails", "u" MODULE_SUFFIX);
     Declare("k", path);
     ASSERT_EQ(provider.CreateInstance("k", instance, error), VESSA_OK);
     ASSERT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
@@ -302,7 +305,7 @@ TEST_F(PluginProviderTest, ReportsAFailedUnloadThatWasPutOffAndIgnoresIt) {
 
 TEST_F(PluginProviderTest, IsEmptyOnlyWithoutRegistrationsAndInstances) {
     EXPECT_TRUE(provider.IsEmpty());
-    Declare("k", Module("good_v2", "x.so"));
+    Declare("k", Module("good_v2", "x" MODULE_SUFFIX));
     EXPECT_FALSE(provider.IsEmpty());
     ASSERT_EQ(provider.CreateInstance("k", instance, error), VESSA_OK);
     ASSERT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);

@@ -4,10 +4,8 @@
 #define VESSA_TESTS_UNIT_PLUGINWORLD_H
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <functional>
 #include <map>
 #include <memory>
@@ -24,6 +22,7 @@
 #include "support/Runtime.h"
 #include "support/Sync.h"
 #include "support/TempDir.h"
+#include "unit/LoggedCode.h"
 #include "vessa/vessa.h"
 #include "vessa2/PluginLoader.h"
 #include "vessa2/PluginProvider.h"
@@ -70,14 +69,6 @@ using Lines = std::vector<std::string>;
 inline Lines operator+(Lines lines, const Lines& more) {
     lines.insert(lines.end(), more.begin(), more.end());
     return lines;
-}
-
-// "-1/FFFFFFFFFFFFFFFF", as results stand in messages.
-inline std::string Code(int code) {
-    char text[48];
-    std::snprintf(text, sizeof text, "%d/%llX", code,
-                  static_cast<unsigned long long>(static_cast<int64_t>(code)));
-    return text;
 }
 
 // Every test begins and ends with no module in the process's loader, and with as many modules,

@@ -1,5 +1,6 @@
 #include "vessa2/Plugin.h"
 
+#include "TestPlatform.h"
 #include "unit/PluginWorld.h"
 
 namespace vessa_test {
@@ -47,26 +48,27 @@ TEST_F(PluginObject, HasNoNamesForAPathThatEndsInItsOnlySlash) {
 }
 
 TEST_F(PluginObject, RefusesToLoadAFileWithoutNameOrFolder) {
-    Plugin plugin("/x/y.so");
+    Plugin plugin("/x/y" MODULE_SUFFIX);
     LogCapture log;
     void* handle = nullptr;
     EXPECT_EQ(plugin.LoadDso("", "/x", handle), VESSA_ERR_ARGUMENT);
-    EXPECT_EQ(plugin.LoadDso("y.so", "", handle), VESSA_ERR_ARGUMENT);
+    EXPECT_EQ(plugin.LoadDso("y" MODULE_SUFFIX, "", handle), VESSA_ERR_ARGUMENT);
     EXPECT_EQ(handle, nullptr);
-    EXPECT_TRUE(log.Is(
-        {"3 param filename = , folder_path = /x", "5 param filename should not be empty.",
-         "3 param filename = y.so, folder_path = ", "5 param folder_path should not be empty."}));
+    EXPECT_TRUE(
+        log.Is({"3 param filename = , folder_path = /x", "5 param filename should not be empty.",
+                "3 param filename = y" MODULE_SUFFIX ", folder_path = ",
+                "5 param folder_path should not be empty."}));
 }
 
 TEST_F(PluginObject, UnloadsAnInvalidHandleWithSuccess) {
-    Plugin plugin("/x/y.so");
+    Plugin plugin("/x/y" MODULE_SUFFIX);
     LogCapture log;
     EXPECT_EQ(plugin.UnloadDso(nullptr), VESSA_OK);
     EXPECT_TRUE(log.Is({"3 param dso_handle = 0"}));
 }
 
 TEST_F(PluginObject, LoadsOnceAndUnloadsWithTheLast) {
-    const std::string path = Module("good_v2", "p/good.so");
+    const std::string path = Module("good_v2", "p/good" MODULE_SUFFIX);
     ModuleHook hook;
     Plugin plugin(path);
     LogCapture log;
@@ -85,7 +87,7 @@ TEST_F(PluginObject, LoadsOnceAndUnloadsWithTheLast) {
 }
 
 TEST_F(PluginObject, StartsFromTheBeginningAfterAnUnload) {
-    const std::string path = Module("good_v2", "good.so");
+    const std::string path = Module("good_v2", "good" MODULE_SUFFIX);
     ModuleHook hook;
     Plugin plugin(path);
     for (int round = 1; round <= 2; ++round) {
@@ -97,7 +99,7 @@ TEST_F(PluginObject, StartsFromTheBeginningAfterAnUnload) {
 }
 
 TEST_F(PluginObject, ForgetsTheLastLoadsVersionAndIkeys) {
-    const std::string path = Module("good_v2", "good.so");
+    const std::string path = Module("good_v2", "good" MODULE_SUFFIX);
     ModuleHook hook;
     Plugin plugin(path);
     ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
@@ -106,19 +108,20 @@ TEST_F(PluginObject, ForgetsTheLastLoadsVersionAndIkeys) {
     hook.On("good", "GetAllInterfaceIkeys", [](ModuleCall& call) { call.Return(0); });
     LogCapture log;
     ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
-    EXPECT_TRUE(log.Contains("plugin filename good.so, plugin file version , interface ikeys []"));
+    EXPECT_TRUE(log.Contains("plugin filename good" MODULE_SUFFIX
+                             ", plugin file version , interface ikeys []"));
     ASSERT_EQ(plugin.UnloadPlugin(), VESSA_OK);
 }
 
 TEST_F(PluginObject, UnloadsAModuleWhoseInitFailsAndTriesAgainFromTheBeginning) {
-    const std::string path = Module("init_fails", "init_fails.so");
+    const std::string path = Module("init_fails", "init_fails" MODULE_SUFFIX);
     ModuleHook hook;
     Plugin plugin(path);
     const Lines failure =
         BeforeInit(path) +
         Lines{"5 init plugin failed, error 7/7, filename ", "3 param dso_handle = {*h}",
               "5 load plugin failed, error -2147483637/FFFFFFFF8000000B, plugin filename "
-              "init_fails.so, plugin folder path " +
+              "init_fails" MODULE_SUFFIX ", plugin folder path " +
                   Folder(path)};
     for (int round = 1; round <= 2; ++round) {
         LogCapture log;
@@ -133,7 +136,7 @@ TEST_F(PluginObject, UnloadsAModuleWhoseInitFailsAndTriesAgainFromTheBeginning) 
 }
 
 TEST_F(PluginObject, EndsUnloadedAlsoWhenUninitFails) {
-    const std::string path = Module("uninit_fails", "uninit_fails.so");
+    const std::string path = Module("uninit_fails", "uninit_fails" MODULE_SUFFIX);
     ModuleHook hook;
     Plugin plugin(path);
     ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
@@ -142,12 +145,12 @@ TEST_F(PluginObject, EndsUnloadedAlsoWhenUninitFails) {
     EXPECT_EQ(hook.Count("uninit_fails", "Unload"), 1);
     EXPECT_EQ(plugin.UnloadPlugin(), VESSA_OK);
     EXPECT_TRUE(log.Is({"4 uninit plugin failed, error 9/9, plugin folder path " + Folder(path) +
-                            ", plugin filename uninit_fails.so",
+                            ", plugin filename uninit_fails" MODULE_SUFFIX,
                         "3 param dso_handle = {*h}", "4 plugin already unloaded"}));
 }
 
 TEST_F(PluginObject, ReportsAFailingUnloadOfTheFileInsteadOfAFailingUninit) {
-    const std::string path = Module("uninit_fails", "uninit_fails.so");
+    const std::string path = Module("uninit_fails", "uninit_fails" MODULE_SUFFIX);
     Runtime runtime;
     ModuleHook hook;
     Plugin plugin(path);
@@ -155,18 +158,18 @@ TEST_F(PluginObject, ReportsAFailingUnloadOfTheFileInsteadOfAFailingUninit) {
     void* handle = nullptr;
     runtime.Before(Tova::UnloadDSo, [&](RuntimeCall& call) {
         handle = call.object;
-        call.Fail(EBUSY);
+        call.Fail(kErrorBusy);
     });
     LogCapture log;
     EXPECT_EQ(plugin.UnloadPlugin(), VESSA_ERR_MODULE_UNLOAD);
     EXPECT_TRUE(log.Is(
         {"4 uninit plugin failed, error 9/9, plugin folder path " + Folder(path) +
-             ", plugin filename uninit_fails.so",
+             ", plugin filename uninit_fails" MODULE_SUFFIX,
          "3 param dso_handle = {*h}",
-         "5 TOVA_UnloadDso failed, plugin dso handle {*h}, error 16/10",
+         "5 TOVA_UnloadDso failed, plugin dso handle {*h}, error " + Code(kErrorBusy),
          "4 unload plugin dso file failed, error -2147483641/FFFFFFFF80000007, plugin handle {*h}, "
          "plugin folder path " +
-             Folder(path) + ", plugin filename uninit_fails.so"}));
+             Folder(path) + ", plugin filename uninit_fails" MODULE_SUFFIX}));
     runtime.Before(Tova::UnloadDSo, nullptr);
     void* instance = nullptr;
     EXPECT_EQ(plugin.CreateInstance("k", instance), -1);
@@ -174,30 +177,30 @@ TEST_F(PluginObject, ReportsAFailingUnloadOfTheFileInsteadOfAFailingUninit) {
 }
 
 TEST_F(PluginObject, KeepsTheFirstCodeWhenTheFileOfAFailedLoadCannotBeUnloaded) {
-    const std::string path = Module("init_fails", "init_fails.so");
+    const std::string path = Module("init_fails", "init_fails" MODULE_SUFFIX);
     Runtime runtime;
     Plugin plugin(path);
     void* handle = nullptr;
     runtime.Before(Tova::UnloadDSo, [&](RuntimeCall& call) {
         handle = call.object;
-        call.Fail(EBUSY);
+        call.Fail(kErrorBusy);
     });
     LogCapture log;
     EXPECT_EQ(plugin.LoadPlugin(), VESSA_ERR_MODULE_INIT);
     EXPECT_TRUE(log.Is(
         BeforeInit(path) +
         Lines{"5 init plugin failed, error 7/7, filename ", "3 param dso_handle = {*h}",
-              "5 TOVA_UnloadDso failed, plugin dso handle {*h}, error 16/10",
+              "5 TOVA_UnloadDso failed, plugin dso handle {*h}, error " + Code(kErrorBusy),
               "4 unload plugin dso failed, error -2147483641/FFFFFFFF80000007, plugin handle {*h}",
               "5 load plugin failed, error -2147483637/FFFFFFFF8000000B, plugin filename "
-              "init_fails.so, plugin folder path " +
+              "init_fails" MODULE_SUFFIX ", plugin folder path " +
                   Folder(path)}));
     runtime.Before(Tova::UnloadDSo, nullptr);
     TOVA_UnloadDSo(handle);
 }
 
 TEST_F(PluginObject, ForwardsToAVersion2ModuleWithTheFkey) {
-    const std::string path = Module("good_v2", "good.so");
+    const std::string path = Module("good_v2", "good" MODULE_SUFFIX);
     ModuleHook hook;
     Plugin plugin(path);
     ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
@@ -216,7 +219,7 @@ TEST_F(PluginObject, ForwardsToAVersion2ModuleWithTheFkey) {
 }
 
 TEST_F(PluginObject, ForwardsToAVersion1ModuleWithoutTheFkey) {
-    const std::string path = Module("good_v1", "good.so");
+    const std::string path = Module("good_v1", "good" MODULE_SUFFIX);
     ModuleHook hook;
     Plugin plugin(path);
     ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
@@ -234,7 +237,7 @@ TEST_F(PluginObject, ForwardsToAVersion1ModuleWithoutTheFkey) {
 }
 
 TEST_F(PluginObject, PassesTheMapQuestionOnUnchanged) {
-    const std::string path = Module("map_two", "map.so");
+    const std::string path = Module("map_two", "map" MODULE_SUFFIX);
     Plugin plugin(path);
     ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
     int count = 0;
@@ -257,7 +260,7 @@ TEST_F(PluginObject, PassesTheModulesOwnResultsOn) {
                            Row{"query_fails", 0, TEST_MODULE_ERR_QUERY, 0},
                            Row{"destroy_fails", 0, 0, TEST_MODULE_ERR_DESTROY}}) {
         SCOPED_TRACE(row.module);
-        Plugin plugin(Module(row.module, std::string(row.module) + ".so"));
+        Plugin plugin(Module(row.module, std::string(row.module) + MODULE_SUFFIX));
         ASSERT_EQ(plugin.LoadPlugin(), VESSA_OK);
         void* instance = nullptr;
         ASSERT_EQ(plugin.CreateInstance("k", instance), row.create);
@@ -271,7 +274,7 @@ TEST_F(PluginObject, PassesTheModulesOwnResultsOn) {
 }
 
 TEST_F(PluginObject, AnswersForMissingOperationsWhileNotLoaded) {
-    Plugin plugin("/x/y.so");
+    Plugin plugin("/x/y" MODULE_SUFFIX);
     LogCapture log;
     int mark = 0;
     void* instance = &mark;
@@ -290,7 +293,7 @@ TEST_F(PluginObject, AnswersForMissingOperationsWhileNotLoaded) {
 }
 
 TEST_F(PluginObject, LoadsOnceForManyThreads) {
-    const std::string path = Module("good_v2", "good.so");
+    const std::string path = Module("good_v2", "good" MODULE_SUFFIX);
     Plugin plugin(path);
     constexpr int kThreads = 4;
     Barrier start(kThreads);

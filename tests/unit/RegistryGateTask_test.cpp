@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <memory>
 #include <stdexcept>
@@ -10,6 +9,7 @@
 #include "common/RegistryGate.h"
 #include "common/ThreadScope.h"
 #include "support/Child.h"
+#include "unit/NamedTask.h"
 #include "unit/RegistryGatePasses.h"
 
 using vessa_test::ChildResult;
@@ -18,24 +18,6 @@ using vessa_test::RunChild;
 using vessa_test::ThisTestAsChild;
 
 namespace {
-
-// Tasks that were put off to the end of a read.
-struct NamedTask : GateTask {
-    NamedTask(std::vector<std::string>& journal, std::string task_name)
-        : log(journal), name(std::move(task_name)) {
-        run = &Run;
-    }
-    static void Run(GateTask* self) {
-        auto& task = *static_cast<NamedTask*>(self);
-        task.log.push_back(task.name);
-        if (task.inside) task.inside();
-    }
-    std::vector<std::string>& log;
-    std::string name;
-    Work inside;
-};
-
-using Journal = std::vector<std::string>;
 
 TEST(RegistryGateTask, RunsInOrderAfterTheOutermostRead) {
     RegistryGate gate;
@@ -179,34 +161,6 @@ TEST(RegistryGateTask, OthersRunAlsoWhenOneThrows) {
     EXPECT_EQ(journal, (Journal{"first", "second", "third"}));
     EXPECT_EQ(gate.Readers(), 0);
     EXPECT_EQ(ThreadScope::Current(), nullptr);
-}
-
-TEST(RegistryGateTask, OthersRunAlsoWhenTheThreadIsEndedInOne) {
-    struct Body {
-        RegistryGate gate;
-        Journal journal;
-        NamedTask first{journal, "first"};
-        NamedTask second{journal, "second"};
-    } body;
-    body.first.inside = [] { pthread_exit(PTHREAD_CANCELED); };
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(
-                  &thread, nullptr,
-                  [](void* argument) -> void* {
-                      auto& given = *static_cast<Body*>(argument);
-                      Reading(given.gate, [&] {
-                          given.gate.AfterRead(&given.first);
-                          given.gate.AfterRead(&given.second);
-                      });
-                      return nullptr;
-                  },
-                  &body),
-              0);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
-    EXPECT_EQ(body.journal, (Journal{"first", "second"}));
-    EXPECT_EQ(body.gate.Readers(), 0);
 }
 
 // In a process of its own: a recursion over the tasks would exhaust the stack.

@@ -185,24 +185,6 @@ TEST(TovaMutex, AssignedToItselfStaysTheMutexThatItIs) {
     EXPECT_EQ(LiveBlocks(), blocks_before);
 }
 
-TEST(TovaMutex, ThrowsOutOfMemoryWhenItCannotBeMade) {
-    {
-        Runtime runtime;
-        runtime.FailCall(Tova::MutexCreate);
-        EXPECT_THROW(TOVA_Mutex(), std::bad_alloc);
-    }
-    bool thrown = false;
-    {
-        AllocationFailure failure(1);
-        try {
-            TOVA_Mutex mutex;
-        } catch (const std::bad_alloc&) {
-            thrown = true;
-        }
-    }
-    EXPECT_TRUE(thrown);
-}
-
 TEST(TovaMutex, IsCreatedAndDestroyedOnce) {
     Runtime runtime;
     {

@@ -1,11 +1,11 @@
 #include "common/ThreadScope.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <new>
 #include <stdexcept>
 
+#include "ThreadSlots.h"
 #include "common/RegistryGate.h"
 #include "support/Allocation.h"
 #include "support/Child.h"
@@ -17,6 +17,7 @@ using vessa_test::IsChild;
 using vessa_test::JoiningThread;
 using vessa_test::LiveBlocks;
 using vessa_test::RunChild;
+using vessa_test::TakeEveryThreadSlot;
 using vessa_test::ThisTestAsChild;
 
 namespace {
@@ -36,11 +37,6 @@ void CountTheEnd() {
 void AskAgain() {
     CountTheEnd();
     if (asks_left-- > 0) ThreadScope().State().at_end = &AskAgain;
-}
-
-void EndTheThread() {
-    ++at_end_runs;
-    pthread_exit(PTHREAD_CANCELED);
 }
 
 class ThreadScopeAtEnd : public testing::Test {
@@ -223,40 +219,6 @@ TEST_F(ThreadScopeAtEnd, RunsAlsoWhenAnExceptionEndsTheFrame) {
     EXPECT_EQ(ThreadScope::Current(), nullptr);
 }
 
-// A key's destructor runs after the thread's stack is gone and must not find a state.
-TEST_F(ThreadScopeAtEnd, TheEndOfTheThreadInsideItLeavesNoStateBehind) {
-    struct Seen {
-        static void AtThreadEnd(void* flag) {
-            *static_cast<bool*>(flag) = ThreadScope::Current() == nullptr;
-        }
-    };
-    bool null_at_thread_end = false;
-    pthread_key_t key{};
-    ASSERT_EQ(pthread_key_create(&key, &Seen::AtThreadEnd), 0);
-    struct Context {
-        pthread_key_t key;
-        bool* flag;
-    } context{key, &null_at_thread_end};
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(
-                  &thread, nullptr,
-                  [](void* argument) -> void* {
-                      const auto& given = *static_cast<Context*>(argument);
-                      pthread_setspecific(given.key, given.flag);
-                      ThreadScope outer;
-                      outer.State().at_end = &EndTheThread;
-                      return nullptr;
-                  },
-                  &context),
-              0);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    pthread_key_delete(key);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
-    EXPECT_EQ(at_end_runs, 1);
-    EXPECT_TRUE(null_at_thread_end);
-}
-
 // In a process of its own: the library asks for its slot only once.
 TEST(ThreadScope, ThrowsOutOfMemoryWhenTheSystemHasNoSlotLeft) {
     if (!IsChild()) {
@@ -264,9 +226,7 @@ TEST(ThreadScope, ThrowsOutOfMemoryWhenTheSystemHasNoSlotLeft) {
         EXPECT_TRUE(result.Exited(0)) << result;
         return;
     }
-    pthread_key_t key{};
-    while (pthread_key_create(&key, nullptr) == 0) {
-    }
+    TakeEveryThreadSlot();
     EXPECT_THROW(ThreadScope(), std::bad_alloc);
     EXPECT_THROW(PluginCallScope(), std::bad_alloc);
     RegistryGate gate;

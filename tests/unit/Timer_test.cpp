@@ -1,17 +1,15 @@
 #include "common/Timer.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "ThreadStacks.h"
 #include "common/ThreadScope.h"
 #include "support/Allocation.h"
 #include "support/Runtime.h"
@@ -23,6 +21,7 @@ using vessa_test::Barrier;
 using vessa_test::Callback;
 using vessa_test::Gate;
 using vessa_test::JoiningThread;
+using vessa_test::kErrorNoResources;
 using vessa_test::kPeriodMs;
 using vessa_test::LiveBlocks;
 using vessa_test::NewWatched;
@@ -228,26 +227,6 @@ TEST(Timer, WhatTheCallbackThrowsEndsWithIt) {
     EXPECT_TRUE(timer.StopTimer());
 }
 
-TEST(Timer, AThreadThatTheCallbackEndsIsJoined) {
-    const auto before = Runtime::Census();
-    {
-        Callback callback;
-        callback.body = [] { pthread_exit(nullptr); };
-        Callback next;
-        Runtime runtime;
-        Timer timer;
-        ASSERT_TRUE(timer.SetTimer(kPeriodMs, callback.Bound()));
-        EXPECT_FALSE(runtime.Tick());
-        EXPECT_EQ(callback.runs, 1);
-        timer.AskToEnd(kPeriodMs);
-        ASSERT_TRUE(timer.SetTimer(kPeriodMs, next.Bound()));
-        EXPECT_TRUE(runtime.Tick());
-        EXPECT_EQ(next.runs, 1);
-        EXPECT_TRUE(timer.StopTimer());
-    }
-    EXPECT_EQ(Runtime::Census(), before);
-}
-
 TEST(Timer, ACallbackRunsInsideALibraryFrameOfItsOwn) {
     static std::atomic<int> at_end_runs{0};
     at_end_runs = 0;
@@ -275,38 +254,10 @@ TEST(Timer, ACallbackRunsInsideALibraryFrameOfItsOwn) {
     EXPECT_TRUE(timer.StopTimer());
 }
 
-TEST(Timer, BlocksAsynchronousSignalsOnItsThread) {
-    sigset_t mask;
-    sigemptyset(&mask);
-    Callback callback;
-    callback.body = [&] { pthread_sigmask(SIG_SETMASK, nullptr, &mask); };
-    Runtime runtime;
-    Timer timer;
-    sigset_t before;
-    pthread_sigmask(SIG_SETMASK, nullptr, &before);
-    ASSERT_TRUE(timer.SetTimer(kPeriodMs, callback.Bound()));
-    sigset_t after;
-    pthread_sigmask(SIG_SETMASK, nullptr, &after);
-    EXPECT_TRUE(runtime.Tick());
-    EXPECT_TRUE(timer.StopTimer());
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD,
-                             SIGPIPE, SIGWINCH, SIGCONT, SIGIO, SIGVTALRM, SIGRTMIN, SIGRTMAX})
-        EXPECT_EQ(sigismember(&mask, signal), 1) << signal;
-    for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
-        EXPECT_EQ(sigismember(&mask, signal), 0) << signal;
-    for (int signal = 1; signal < SIGRTMIN; ++signal)
-        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
-}
-
 TEST(Timer, HasAStackForTheDeepestListFile) {
     size_t stack_bytes = 0;
     Callback callback;
-    callback.body = [&] {
-        pthread_attr_t attributes;
-        if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
-        pthread_attr_getstacksize(&attributes, &stack_bytes);
-        pthread_attr_destroy(&attributes);
-    };
+    callback.body = [&] { stack_bytes = vessa_test::OwnStackBytes(); };
     Runtime runtime;
     Timer timer;
     ASSERT_TRUE(timer.SetTimer(kPeriodMs, callback.Bound()));
@@ -361,11 +312,11 @@ TEST(Timer, WithoutAThreadItIsStoppedAndTheSystemsErrorIsKept) {
         Callback callback;
         Runtime runtime;
         Timer timer;
-        runtime.FailCall(Tova::Thread_Create, 1, EAGAIN);
+        runtime.FailCall(Tova::Thread_Create, 1, kErrorNoResources);
         const bool started = timer.SetTimer(kPeriodMs, NewWatched(ends));
         const int error = TOVA_GetSystemLastError();
         EXPECT_FALSE(started);
-        EXPECT_EQ(error, EAGAIN);
+        EXPECT_EQ(error, kErrorNoResources);
         EXPECT_EQ(ends, 1);
         EXPECT_TRUE(runtime.Waiters().empty());
         EXPECT_TRUE(timer.StopTimer());

@@ -1,12 +1,14 @@
 #include "common/XmlLimits.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "TestPlatform.h"
+#include "ThreadStacks.h"
 
 #ifndef TIXML_USE_STL
 #  define TIXML_USE_STL
@@ -16,6 +18,7 @@
 #include "support/Allocation.h"
 
 using vessa_test::AllocationFailure;
+using vessa_test::OnSmallStack;
 
 namespace {
 
@@ -87,32 +90,13 @@ void ExpectSameAsParser(const std::string& text) {
     EXPECT_EQ(CheckXmlLimits(text), nullptr) << text;
 }
 
-// Runs on a thread whose stack holds no recursion over a hostile text.
-template <class Function>
-void OnSmallStack(Function function) {
-    constexpr size_t kStackBytes = 256 * 1024;
-    pthread_attr_t attributes;
-    ASSERT_EQ(pthread_attr_init(&attributes), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&attributes, kStackBytes), 0);
-    pthread_t thread{};
-    ASSERT_EQ(pthread_create(
-                  &thread, &attributes,
-                  [](void* argument) -> void* {
-                      (*static_cast<Function*>(argument))();
-                      return nullptr;
-                  },
-                  &function),
-              0);
-    pthread_attr_destroy(&attributes);
-    ASSERT_EQ(pthread_join(thread, nullptr), 0);
-}
-
 TEST(XmlLimits, AcceptsAnOrdinaryList) {
     ExpectSameAsParser(
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
         "<!-- codecs -->\n"
         "<vessa>\n"
-        "  <plugin fkey=\"codec\" file='./codec.so' delayload=true/>\n"
+        "  <plugin fkey=\"codec\" file='./codec" MODULE_SUFFIX
+        "' delayload=true/>\n"
         "  <plugin fkey=\"a&amp;b\" file=\"x &gt; y\"></plugin>\n"
         "</vessa>\n");
 }
