@@ -26,8 +26,7 @@ suite() {
     cmake --preset "$preset" >"build-$preset.log" 2>&1 || { cat "build-$preset.log"; return 1; }
     cmake --build "build-$preset" -j "$jobs" -- --quiet
     echo "== $preset: test"
-    # What all programs share there would hold the first test's output open.
-    [ "$preset" != windows-mingw ] || tools/wine.sh --prepare </dev/null >/dev/null 2>&1
+    [ "$preset" != windows-mingw ] || tools/wine.sh --prepare
     # shellcheck disable=SC2086
     ctest --test-dir "build-$preset" --output-on-failure --progress --schedule-random \
         -j "$((jobs * 2))" ${CTEST_OPTIONS:-}

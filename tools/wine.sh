@@ -3,7 +3,7 @@
 # (Wine ends with the lowest eight bits of the code, or 1 if these are 0 and the code is not.)
 #
 #   tools/wine.sh <program> [arguments...]
-#   tools/wine.sh --prepare    makes what all programs share, so that none has to wait for it
+#   tools/wine.sh --prepare    starts what all programs share, so that none has to wait for it
 #   tools/wine.sh --end        ends every program that still runs there
 #
 # All of it happens in a Wine prefix of the project's own, or in $WINEPREFIX, an absolute path; the
@@ -30,6 +30,8 @@ export WINEDLLOVERRIDES="${WINEDLLOVERRIDES-mscoree,mshtml,winedbg.exe=}"
 export LC_ALL=C.UTF-8
 unset DISPLAY
 
+server() { command -v wineserver || echo "${wine%/*}/wineserver"; }
+
 # Runs Wine without the caller's further files: what the programs share would inherit them from the
 # first program, and so keep a caller waiting for the end of a pipe, or hold its locks.
 without_files() { exec "$@" 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-; }
@@ -54,15 +56,18 @@ case ${1:-} in
         fail "usage: $0 <program> [arguments...] | --prepare | --end"
         ;;
     --end)
-        server=$(command -v wineserver) || server=${wine%/*}/wineserver
         [ -d "$WINEPREFIX" ] || exit 0
         # Its result only tells whether there was something to end.
-        "$server" -k || true
+        "$(server)" -k || true
         exit 0
         ;;
     --prepare)
         make_prefix
-        (without_files "$wine" cmd /c exit)
+        # Started here, with none of a caller's files: the first program of a session would hand its
+        # own on, and whoever reads its output would wait for the end of all. They stay for a
+        # minute after the last program. (The result only tells whether they run already.)
+        (without_files "$(server)" -p60) </dev/null >/dev/null 2>&1 || true
+        (without_files "$wine" cmd /c exit) </dev/null >/dev/null 2>&1
         exit
         ;;
     */*)
