@@ -187,7 +187,7 @@ static void FailingCreates(void) {
                 {"create_fails_writing", VESSA_FAILED, TEST_MODULE_ERR_CREATE},
                 {"throw_create", VESSA_FAILED, -1},
                 {"no_file", VESSA_ERR_NO_MODULE_FILE, 0},
-                {"undefined_symbol", VESSA_ERR_MODULE_LOAD, 0},
+                {"unloadable", VESSA_ERR_MODULE_LOAD, 0},
                 {"no_entry", VESSA_ERR_NO_INTERFACE, 0},
                 {"entry_null_v2", VESSA_ERR_NO_INTERFACE, 0},
                 {"no_create_v1", VESSA_ERR_NO_INTERFACE, 0},
@@ -242,12 +242,13 @@ static int Failures(void) {
 }
 
 /* A module whose Uninit failed keeps its file name taken: the same name from another folder
- * cannot be loaded any more. The working folder is the world's. */
+ * cannot be loaded any more. Both folders have the module; the list goes from one to the other.
+ * The working folder is the world's. */
 static int Conflict(void) {
     void* instance = kMarker;
     CHECK_INT(VESSA_Init(), VESSA_OK);
     VESSA_Uninit();
-    CHECK_INT(rename("tarnet/a", "tarnet/b"), 0);
+    CHECK_INT(rename("tarnet/a/tarnet.xml", "tarnet/b/tarnet.xml"), 0);
     CHECK_INT(VESSA_Init(), VESSA_OK);
     CHECK_INT(VESSA_CreateInstance("a", &instance, NULL), VESSA_ERR_PLUGIN_CONFLICT);
     CHECK(instance == NULL);
@@ -302,7 +303,7 @@ static int Attributes(void) {
     }
     CheckText16("a", "empty", "");
     CheckText16("a", "text", "\xC3\xA4<&>\"");
-    CheckText16("a", "file", "./a.so");
+    CheckText16("a", "file", "./a" CAPI_MODULE_SUFFIX);
     CheckText16("a", "fkey", "a");
     CheckNoAttribute("a", "delayload");
     CheckNoAttribute("a", "Note");

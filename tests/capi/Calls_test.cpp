@@ -48,19 +48,20 @@ TEST(ExportsInC, ServeADelayLoadedModuleForItsWholeLife) {
 
 TEST(ExportsInC, ReportWhatAModuleCannotDo) {
     CapiWorld world;
-    for (const char* module :
-         {"create_fails", "create_fails_writing", "throw_create", "undefined_symbol", "no_entry",
-          "entry_null_v2", "no_create_v1", "init_fails", "throw_init", "query_fails",
-          "destroy_fails", "create_null", "same_instance"})
+    for (const char* module : {"create_fails", "create_fails_writing", "throw_create", "no_entry",
+                               "entry_null_v2", "no_create_v1", "init_fails", "throw_init",
+                               "query_fails", "destroy_fails", "create_null", "same_instance"})
         world.AddDelayed(module, module);
+    world.AddDelayed("unloadable", kUnloadableModule);
     world.AddDelayed("no_file", "good_v2");
-    world.dir.Remove("tarnet/no_file/no_file.so");
+    world.dir.Remove("tarnet/no_file/no_file" MODULE_SUFFIX);
     EXPECT_SUCCESS(world.Run(CAPI_CALLS, {"failures"}));
 }
 
 TEST(ExportsInC, ReportAModuleWhoseNameAnotherOneKeepsAfterAFailedUninit) {
     CapiWorld world;
     world.Add("a", "uninit_fails");
+    Install(world.dir, "uninit_fails", "tarnet/b/a" MODULE_SUFFIX);
     EXPECT_SUCCESS(world.Run(CAPI_CALLS, {"conflict"}));
 }
 
@@ -68,21 +69,24 @@ TEST(ExportsInC, CopyAttributesToTheByte) {
     CapiWorld world;
     world.Add("a", "good_v2", {{"note", "abc"}, {"empty", ""}, {"text", "\xC3\xA4<&>\""}});
     world.dir.Write("tarnet/p1/tarnet.xml",
-                    ListFile().Plugin("twice", "./x.so", {{"from", "first"}}).Text());
+                    ListFile().Plugin("twice", "./x" MODULE_SUFFIX, {{"from", "first"}}).Text());
     world.dir.Write("tarnet/p2/tarnet.xml",
-                    ListFile().Plugin("twice", "./x.so", {{"from", "second"}}).Text());
+                    ListFile().Plugin("twice", "./x" MODULE_SUFFIX, {{"from", "second"}}).Text());
     EXPECT_SUCCESS(world.Run(CAPI_CALLS, {"attributes"}));
 }
 
 TEST(ExportsInC, ListEveryDeclaredFkeyInOrder) {
     CapiWorld world;
-    world.dir.Write("tarnet/tarnet.xml", ListFile()
-                                             .Plugin("a", "./a.so", {{"delayload", "true"}})
-                                             .Plugin("twice", "./t.so")
-                                             .Plugin("twice", "./t.so")
-                                             .Text());
-    world.dir.Write("tarnet/x/tarnet.xml",
-                    ListFile().Plugin("refused", "./t.so").Plugin("no_file", "./n.so").Text());
+    world.dir.Write("tarnet/tarnet.xml",
+                    ListFile()
+                        .Plugin("a", "./a" MODULE_SUFFIX, {{"delayload", "true"}})
+                        .Plugin("twice", "./t" MODULE_SUFFIX)
+                        .Plugin("twice", "./t" MODULE_SUFFIX)
+                        .Text());
+    world.dir.Write("tarnet/x/tarnet.xml", ListFile()
+                                               .Plugin("refused", "./t" MODULE_SUFFIX)
+                                               .Plugin("no_file", "./n" MODULE_SUFFIX)
+                                               .Text());
     EXPECT_SUCCESS(world.Run(CAPI_CALLS, {"fkeys"}));
 }
 

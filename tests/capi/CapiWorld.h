@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "CapiSystem.h"
+#include "TestPlatform.h"
 #include "support/Child.h"
 #include "support/ListFile.h"
 #include "support/Modules.h"
@@ -32,34 +34,33 @@ inline std::string WatchingSkribFile() {
 class CapiWorld {
   public:
     explicit CapiWorld(const std::string& skrib = SkribFile()) {
-        dir.MakeLink(VessaFile(), "libvessa.so.2");
-        dir.MakeLink(TovaFile(), "libtova.so.2");
-        dir.MakeLink(skrib, "libskrib.so.2");
+        DeliverLibrary(dir, VessaFile(), kVessaName);
+        DeliverLibrary(dir, TovaFile(), kTovaName);
+        DeliverLibrary(dir, skrib, kSkribName);
         dir.MakeFolder("tarnet");
     }
 
     // Declares fkey in a list file of its own; the module gets the fkey's name.
     void Add(const std::string& fkey, const std::string& module,
              const ListFile::Attributes& others = {}) {
-        Install(dir, module, "tarnet/" + fkey + "/" + fkey + ".so");
+        Install(dir, module, "tarnet/" + fkey + "/" + fkey + MODULE_SUFFIX);
         dir.Write("tarnet/" + fkey + "/tarnet.xml",
-                  ListFile().Plugin(fkey, "./" + fkey + ".so", others).Text());
+                  ListFile().Plugin(fkey, "./" + fkey + MODULE_SUFFIX, others).Text());
     }
     void AddDelayed(const std::string& fkey, const std::string& module) {
         Add(fkey, module, {{"delayload", "true"}});
     }
 
-    ChildOptions Program(const std::string& program, std::vector<std::string> arguments) const {
+    ChildOptions Program(const std::string& program, std::vector<std::string> arguments) {
         ChildOptions options;
-        options.program = program;
+        DeliverProgram(dir, program, options);
         options.arguments = std::move(arguments);
-        options.environment["LD_LIBRARY_PATH"] = dir.Path();
         options.environment["SKRIB_LEVEL"] = "off";
         options.environment["SKRIB_FILE"] = std::nullopt;
         options.folder = dir.Path();
         return options;
     }
-    ChildResult Run(const std::string& program, std::vector<std::string> arguments) const {
+    ChildResult Run(const std::string& program, std::vector<std::string> arguments) {
         return RunChild(Program(program, std::move(arguments)));
     }
 

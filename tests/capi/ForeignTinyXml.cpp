@@ -3,9 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "TestPlatform.h"
 #include "vessa/vessa.h"
-
-#define VISIBLE __attribute__((visibility("default")))
 
 class TiXmlParsingData;
 enum TiXmlEncoding { TIXML_ENCODING_UNKNOWN, TIXML_ENCODING_UTF8, TIXML_ENCODING_LEGACY };
@@ -14,17 +13,17 @@ namespace {
 int foreign_calls = 0;
 }
 
-class VISIBLE TiXmlBase {
+class PROGRAM_EXPORT TiXmlBase {
   public:
     virtual ~TiXmlBase();
     static bool IsWhiteSpaceCondensed();
 };
-class VISIBLE TiXmlElement : public TiXmlBase {};
-class VISIBLE TiXmlNode : public TiXmlBase {
+class PROGRAM_EXPORT TiXmlElement : public TiXmlBase {};
+class PROGRAM_EXPORT TiXmlNode : public TiXmlBase {
   public:
     const TiXmlElement* FirstChildElement(const char* name) const;
 };
-class VISIBLE TiXmlDocument : public TiXmlNode {
+class PROGRAM_EXPORT TiXmlDocument : public TiXmlNode {
   public:
     TiXmlDocument();
     ~TiXmlDocument() override;

@@ -1,17 +1,12 @@
 /* An application that is not linked with the library: it loads and unloads it by path. */
-#include <dlfcn.h>
-#include <pthread.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
-
+#include "HostSystem.h"
+/* Before all others. */
 #include "Check.h"
 #include "tova/tova.h"
 #include "vessa/vessa.h"
 
-#define LIBRARY "./libvessa.so.2"
-#define TOVA_LIBRARY "./libtova.so.2"
+#define LIBRARY "./" VESSA_FILE
+#define TOVA_LIBRARY "./" TOVA_FILE
 
 typedef struct library {
     void* handle;
@@ -24,18 +19,18 @@ typedef struct library {
 static library_t library;
 
 static void Look(void* handle, const char* name, void* function) {
-    void* const symbol = dlsym(handle, name);
+    void* const symbol = FindSymbol(handle, name);
     if (symbol == NULL) {
-        fprintf(stderr, "%s\n", dlerror());
+        SayLibraryError(name);
         exit(3);
     }
     memcpy(function, &symbol, sizeof symbol);
 }
 
-static void Load(const char* path, int mode) {
-    library.handle = dlopen(path, RTLD_NOW | mode);
+static void Load(const char* path, int global) {
+    library.handle = OpenLibrary(path, global);
     if (library.handle == NULL) {
-        fprintf(stderr, "%s\n", dlerror());
+        SayLibraryError(path);
         exit(3);
     }
     Look(library.handle, "VESSA_Init", (void*)&library.Init);
@@ -45,7 +40,7 @@ static void Load(const char* path, int mode) {
 }
 
 static void Unload(void) {
-    CHECK_INT(dlclose(library.handle), 0);
+    CHECK_INT(CloseLibrary(library.handle), 0);
 }
 
 static void Use(void) {
@@ -56,32 +51,10 @@ static void Use(void) {
     CHECK_INT(library.DestroyInstance(instance, &error), VESSA_OK);
 }
 
-/* Whether a mapping of this process comes from a file whose name contains the text. */
-static int IsMapped(const char* text) {
-    char line[4096];
-    int found = 0;
-    FILE* const maps = fopen("/proc/self/maps", "r");
-    if (maps == NULL) exit(3);
-    while (fgets(line, sizeof line, maps) != NULL) {
-        if (strstr(line, text) != NULL) found = 1;
-    }
-    fclose(maps);
-    return found;
-}
-
-/* Takes all the slots for threads' own values that the system has, but a few. */
-static void LeaveFewThreadSlots(void) {
-    pthread_key_t keys[4];
-    pthread_key_t key;
-    size_t taken = 0;
-    while (pthread_key_create(&key, NULL) == 0) keys[taken++ % 4] = key;
-    for (size_t i = 0; i < taken && i < 4; ++i) pthread_key_delete(keys[i]);
-}
-
-static int Again(int mode) {
+static int Again(int global) {
     LeaveFewThreadSlots();
     for (int round = 0; round < 20; ++round) {
-        Load(LIBRARY, mode);
+        Load(LIBRARY, global);
         if (!CHECK_INT(library.Init(), VESSA_OK)) {
             fprintf(stderr, "    round %d\n", round);
             break;
@@ -89,8 +62,8 @@ static int Again(int mode) {
         Use();
         library.Uninit();
         Unload();
-        CHECK(!IsMapped("libvessa.so"));
-        CHECK(!IsMapped("/a.so"));
+        CHECK(!IsMapped(VESSA_FILE));
+        CHECK(!IsMapped(MODULE_A_FILE));
     }
     return CheckResult();
 }
@@ -99,13 +72,13 @@ static int Again(int mode) {
 static int Unused(void) {
     Load(LIBRARY, 0);
     Unload();
-    CHECK(!IsMapped("libvessa.so"));
+    CHECK(!IsMapped(VESSA_FILE));
     Load(LIBRARY, 0);
     void* instance = NULL;
     CHECK_INT(library.CreateInstance("a", &instance, NULL), VESSA_ERR_NOT_REGISTERED);
     library.Uninit();
     Unload();
-    CHECK(!IsMapped("libvessa.so"));
+    CHECK(!IsMapped(VESSA_FILE));
     return CheckResult();
 }
 
@@ -114,16 +87,16 @@ static int Forgotten(void) {
     Load(LIBRARY, 0);
     CHECK_INT(library.Init(), VESSA_OK);
     Unload();
-    CHECK(IsMapped("libvessa.so"));
+    CHECK(IsMapped(VESSA_FILE));
     Use();
     CHECK_INT(library.Init(), VESSA_OK);
     library.Uninit();
-    CHECK(IsMapped("libvessa.so"));
+    CHECK(IsMapped(VESSA_FILE));
     /* Whoever stops it holds it. */
     Load(LIBRARY, 0);
     library.Uninit();
     Unload();
-    CHECK(!IsMapped("libvessa.so"));
+    CHECK(!IsMapped(VESSA_FILE));
     return CheckResult();
 }
 
@@ -138,7 +111,7 @@ static int LeftRunning(int unload) {
 /* Loaded by the given name; the root is beside that name wherever the working folder goes. */
 static int Named(const char* path) {
     Load(path, 0);
-    if (chdir("/") != 0) exit(3);
+    GoToTheRoot();
     CHECK_INT(library.Init(), VESSA_OK);
     Use();
     library.Uninit();
@@ -152,7 +125,7 @@ static void UseAtExit(void) {
     CHECK_INT(library.Init(), VESSA_OK);
     library.Uninit();
     library.Uninit();
-    if (CheckResult() != 0) _exit(CHECK_FAILED);
+    if (CheckResult() != 0) EndAtOnce(CHECK_FAILED);
     fputs("exit handler\n", stdout);
 }
 
@@ -169,7 +142,7 @@ typedef void* (*assign_t)(void* to, const void* from);
 /* The two exported assignments: both objects share the native one, which goes with the last. */
 static int Assignments(void) {
     Load(LIBRARY, 0);
-    void* const runtime = dlopen(TOVA_LIBRARY, RTLD_NOW);
+    void* const runtime = OpenLibrary(TOVA_LIBRARY, 0);
     assign_t assign_mutex;
     assign_t assign_semaphore;
     int (*MutexCreate)(tova_mutex_t*, int);
@@ -211,16 +184,17 @@ static int Assignments(void) {
     CHECK_INT(SemTimedWait(&semaphores[1], 0), 0);
     CHECK(SemTimedWait(&semaphores[0], 0) != 0);
     for (int i = 0; i < 2; ++i) CHECK_INT(SemDestroy(&semaphores[i]), 0);
-    CHECK_INT(dlclose(runtime), 0);
+    CHECK_INT(CloseLibrary(runtime), 0);
     Unload();
     return CheckResult();
 }
 
 int main(int argc, char** argv) {
+    argv = HostArguments(&argc, argv);
     const char* const way = argc > 1 ? argv[1] : "";
     const char* const value = argc > 2 ? argv[2] : "";
     if (strcmp(way, "again") == 0) return Again(0);
-    if (strcmp(way, "again_global") == 0) return Again(RTLD_GLOBAL);
+    if (strcmp(way, "again_global") == 0) return Again(1);
     if (strcmp(way, "unused") == 0) return Unused();
     if (strcmp(way, "forgotten") == 0) return Forgotten();
     if (strcmp(way, "left_running") == 0) return LeftRunning(0);

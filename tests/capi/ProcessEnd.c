@@ -1,13 +1,7 @@
 /* An application that ends without stopping the library, in the way that its arguments say. It
  * exports the hook of the test modules and so acts inside their operations. */
-#include <pthread.h>
-#include <semaphore.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+#include "HostSystem.h"
+/* Before all others. */
 #include "Check.h"
 #include "modules/TestInterface.h"
 #include "vessa/vessa.h"
@@ -16,26 +10,29 @@
  * inside and waits for the rest of the process's life. */
 static const char* exit_in = "";
 static const char* stay_in = "";
-static sem_t inside;
-static sem_t released;
+static event_t inside;
+static event_t released;
 
-static void Await(sem_t* semaphore) {
-    while (sem_wait(semaphore) != 0) {
-    }
+static void ExitCleanly(void) {
+    exit(CheckResult());
 }
 
-int TestModule_Hook(const char* module, const char* operation, void* a, void* b, int* result) {
+/* How the process ends in exit_in. */
+static void (*leave)(void) = &ExitCleanly;
+
+HOST_EXPORT int TestModule_Hook(const char* module, const char* operation, void* a, void* b,
+                                int* result) {
     (void)module;
     (void)a;
     (void)b;
     (void)result;
     if (strcmp(operation, exit_in) == 0) {
         exit_in = "";
-        exit(CheckResult());
+        leave();
     }
     if (strcmp(operation, stay_in) == 0) {
         stay_in = "";
-        sem_post(&inside);
+        Happen(&inside);
         Await(&released);
     }
     return 0;
@@ -78,17 +75,11 @@ static void* CreateOnThread(void* fkey) {
     return NULL;
 }
 
-static pthread_t Start(void* (*function)(void*), void* argument) {
-    pthread_t thread;
-    if (pthread_create(&thread, NULL, function, argument) != 0) exit(3);
-    return thread;
-}
-
 /* exit() from inside the operation, on this thread or on another one. */
 static int ExitInside(const char* operation, int on_thread) {
     exit_in = operation;
     if (on_thread)
-        pthread_join(Start(WholeUseOnThread, NULL), NULL);
+        Join(Start(WholeUseOnThread, NULL));
     else
         WholeUse();
     fprintf(stderr, "no operation \"%s\" was reached\n", operation);
@@ -110,31 +101,8 @@ static void HoldThread(const char* operation) {
     Await(&inside);
 }
 
-/* The forked child ends by exit; its exit status tells that its exit handlers came through. */
-static void ForkAndExit(void) {
-    int status = 0;
-    const pid_t child = fork();
-    if (child == 0) exit(7);
-    CHECK(child > 0);
-    CHECK(waitpid(child, &status, 0) == child);
-    CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 7);
-}
-
-static int Fork(void) {
-    CHECK_INT(VESSA_Init(), VESSA_OK);
-    void* const instance = Create("a");
-    ForkAndExit();
-    CHECK_INT(VESSA_DestroyInstance(instance, NULL), VESSA_OK);
-    VESSA_Uninit();
-    ForkAndExit();
-    return CheckResult();
-}
-
-static int ForkWhileHeld(const char* operation) {
-    HoldThread(operation);
-    ForkAndExit();
-    return CheckResult();
-}
+/* Ways that only this system has, made of what is above. */
+#include "ProcessEndWays.h"
 
 static void UseAtExit(void) {
     void* const instance = Create("a");
@@ -142,19 +110,17 @@ static void UseAtExit(void) {
     CHECK_INT(VESSA_Init(), VESSA_OK);
     VESSA_Uninit();
     VESSA_Uninit();
-    if (CheckResult() != 0) _exit(CHECK_FAILED);
+    if (CheckResult() != 0) EndAtOnce(CHECK_FAILED);
     fputs("exit handler\n", stdout);
 }
 
 int main(int argc, char** argv) {
     const char* const way = argc > 1 ? argv[1] : "";
     const char* const operation = argc > 2 ? argv[2] : "";
-    sem_init(&inside, 0, 0);
-    sem_init(&released, 0, 0);
+    MakeEvent(&inside);
+    MakeEvent(&released);
     if (strcmp(way, "inside") == 0) return ExitInside(operation, 0);
     if (strcmp(way, "inside_on_thread") == 0) return ExitInside(operation, 1);
-    if (strcmp(way, "fork") == 0) return Fork();
-    if (strcmp(way, "fork_while_held") == 0) return ForkWhileHeld(operation);
     if (strcmp(way, "while_held") == 0) {
         HoldThread(operation);
         return CheckResult();
@@ -164,6 +130,7 @@ int main(int argc, char** argv) {
         WholeUse();
         return CheckResult();
     }
+    if (RunSystemsWay(way, operation)) return CheckResult();
     CHECK_INT(VESSA_Init(), VESSA_OK);
     if (strcmp(way, "with_instance") == 0) Create("a");
     if (strcmp(way, "exit_handler_after") == 0) atexit(UseAtExit);

@@ -6,30 +6,19 @@
 #include <string>
 #include <vector>
 
+#include "ProcessEndCases.h"
 #include "capi/CapiWorld.h"
 #include "capi/SanitizerOptions.h"
 
 namespace vessa_test {
 namespace {
 
-using Arguments = std::vector<std::string>;
-
-struct Way {
-    std::string name;
-    Arguments arguments;
-    bool forks = false;
-};
-std::ostream& operator<<(std::ostream& out, const Way& way) {
-    return out << way.name;
-}
-
 std::vector<Way> Ways() {
     std::vector<Way> ways = {{"Used", {"used"}},
                              {"Started", {"started"}},
                              {"WithALiveInstance", {"with_instance"}},
                              {"WithAnExitHandlerOlderThanTheStart", {"exit_handler"}},
-                             {"WithAnExitHandlerYoungerThanTheStart", {"exit_handler_after"}},
-                             {"InAForkedChild", {"fork"}, true}};
+                             {"WithAnExitHandlerYoungerThanTheStart", {"exit_handler_after"}}};
     for (const char* operation :
          {"Entry", "Init", "GetFileVersion", "GetAllInterfaceIkeys", "GetPluginMapFkeys",
           "CreateInstance_V2", "QueryInterface", "DestroyInstance", "Uninit"}) {
@@ -40,9 +29,8 @@ std::vector<Way> Ways() {
     for (const char* operation : {"Init", "CreateInstance_V2", "Uninit"}) {
         const std::string name = operation;
         ways.push_back({"WhileAnotherThreadIsIn" + name, {"while_held", name}});
-        ways.push_back(
-            {"InAForkedChildWhileAnotherThreadIsIn" + name, {"fork_while_held", name}, true});
     }
+    AddSystemsWays(ways);
     return ways;
 }
 
@@ -60,13 +48,13 @@ class ProcessEnd : public testing::TestWithParam<Way> {
 TEST_P(ProcessEnd, IsClean) {
     CapiWorld world;
     const ChildResult result = End(world);
-    EXPECT_TRUE(result.Exited(0)) << result;
+    EXPECT_TRUE(result.Exited(GetParam().status)) << result;
 }
 
 TEST_P(ProcessEnd, LogsNothingAfterTheLoggersRelease) {
     CapiWorld world(WatchingSkribFile());
     const ChildResult result = End(world);
-    EXPECT_TRUE(result.Exited(0)) << result;
+    EXPECT_TRUE(result.Exited(GetParam().status)) << result;
     EXPECT_NE(result.err.find("released\n"), std::string::npos) << result;
 }
 

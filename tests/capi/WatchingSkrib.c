@@ -3,9 +3,10 @@
  * after the last release, or releases more often than was got, ends the program with exit
  * status 97. Each release of the logger "vessa" is told on standard error.
  */
+#include "HostSystem.h"
+/* Before all others. */
 #include <stdatomic.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "skrib/skrib.h"
 
@@ -18,14 +19,9 @@ typedef struct logger {
 static logger_t vessa = {"vessa", 0, 0};
 static logger_t others = {"", 0, 0};
 
-static void Say(const char* text) {
-    const ssize_t ignored = write(2, text, strlen(text));
-    (void)ignored;
-}
-
 static void Refuse(const char* text) {
     Say(text);
-    _exit(97);
+    EndAtOnce(97);
 }
 
 void* SKRIB_GetLogger(const char* name) {

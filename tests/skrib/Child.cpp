@@ -1,24 +1,22 @@
 // Does what its arguments say, one command after the other, and prints what it finds.
-#include <sys/syscall.h>
-#include <time.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "ChildSystem.h"
 #include "Support.h"
 #include "skrib.h"
 
 namespace {
 
-std::atomic<long> clock_offset_s{0};
+namespace fs = std::filesystem;
+
 void* late_logger = nullptr;
 
 // Made before main, so destroyed after everything that main has registered for the exit.
@@ -164,14 +162,15 @@ const std::map<std::string, Command>& Commands() {
               });
               late_logger = SKRIB_GetLogger(w[0].c_str());
           }}},
-        {"go-to", {1, [](const Words& w) { std::filesystem::current_path(w[0]); }}},
-        {"remove", {1, [](const Words& w) { std::filesystem::remove_all(w[0]); }}},
-        {"later", {1, [](const Words& w) { clock_offset_s += Number(w[0]); }}},
+        {"go-to", {1, [](const Words& w) { fs::current_path(fs::u8path(w[0])); }}},
+        {"remove", {1, [](const Words& w) { fs::remove_all(fs::u8path(w[0])); }}},
+        {"copy", {2, [](const Words& w) { fs::copy_file(fs::u8path(w[0]), fs::u8path(w[1])); }}},
+        {"later", {1, [](const Words& w) { skrib_test::MoveClock(Number(w[0])); }}},
         {"die",
          {0,
           [](const Words&) {
               std::fflush(stdout);
-              _exit(0);
+              skrib_test::Die();
           }}},
     };
     return commands;
@@ -179,17 +178,9 @@ const std::map<std::string, Command>& Commands() {
 
 }  // namespace
 
-// Stands in for the system's: "later" moves the monotonic clock, nothing else.
-extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
-                                                                    timespec* time) noexcept {
-    const long result = syscall(SYS_clock_gettime, clock, time);
-    if (result == 0 && clock == CLOCK_MONOTONIC) time->tv_sec += clock_offset_s;
-    return static_cast<int>(result);
-}
-
 int main(int count, char** arguments) {
-    alarm(100);  // a child that hangs must not outlive its test
-    const Words words(arguments + 1, arguments + count);
+    skrib_test::LimitLife();
+    const Words words = skrib_test::Arguments(count, arguments);
     for (std::size_t at = 0; at < words.size();) {
         const auto command = Commands().find(words[at]);
         if (command == Commands().end()) return 2;

@@ -1,10 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <cerrno>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -12,43 +10,19 @@
 #include <thread>
 #include <vector>
 
+#include "SinkTest.h"
 #include "Support.h"
-#include "skrib.h"
 
 namespace {
 
 using skrib_test::Barrier;
 using skrib_test::Gate;
+using skrib_test::SkribSink;
 using testing::ElementsAre;
 
 std::string OrNone(const char* text) {
     return text == nullptr ? "(none)" : text;
 }
-
-// A receiver made of a function; the built-in sinks are back when it goes.
-class SkribSink : public testing::Test {
-  protected:
-    using Function = std::function<void(const std::string& text)>;
-
-    SkribSink() : logger_(SKRIB_GetLogger("sink")) {}
-    ~SkribSink() override {
-        SKRIB_SetSink(nullptr, nullptr);
-        SKRIB_ReleaseLogger(logger_);
-    }
-
-    static void Call(void* user, const char*, int, const char* text, const char*, const char*,
-                     int) {
-        (*static_cast<const Function*>(user))(text);
-    }
-    static int Install(const Function& function) {
-        return SKRIB_SetSink(Call, const_cast<Function*>(&function));
-    }
-    void Write(const std::string& text) const {
-        SKRIB_Write(logger_, SKRIB_LEVEL_WARNING, text.c_str(), nullptr, nullptr, 0);
-    }
-
-    void* const logger_;
-};
 
 TEST_F(SkribSink, GivesTheReceiverEveryFieldOfTheRecord) {
     std::vector<std::string> records;
@@ -158,33 +132,6 @@ TEST_F(SkribSink, SurvivesAReceiverThatThrows) {
     EXPECT_NO_THROW(Write("int"));
     EXPECT_EQ(calls, 2);
     // Would wait for ever if a call that threw still counted as one on its way.
-    EXPECT_EQ(SKRIB_SetSink(nullptr, nullptr), 0);
-}
-
-TEST_F(SkribSink, LetsAThreadEndItselfInTheReceiver) {
-    bool after = false;
-    const Function leave = [](const std::string&) { pthread_exit(nullptr); };
-    Install(leave);
-    std::thread([&] {
-        Write("text");
-        after = true;
-    }).join();
-    EXPECT_FALSE(after);
-    EXPECT_EQ(SKRIB_SetSink(nullptr, nullptr), 0);
-}
-
-TEST_F(SkribSink, LetsAThreadBeCancelledInTheReceiver) {
-    bool after = false;
-    const Function wait = [](const std::string&) {
-        pthread_cancel(pthread_self());
-        pthread_testcancel();
-    };
-    Install(wait);
-    std::thread([&] {
-        Write("text");
-        after = true;
-    }).join();
-    EXPECT_FALSE(after);
     EXPECT_EQ(SKRIB_SetSink(nullptr, nullptr), 0);
 }
 

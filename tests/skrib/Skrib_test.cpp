@@ -112,19 +112,6 @@ TEST(Skrib, IsUsableFromC) {
     EXPECT_EQ(SkribUsedFromC(), 507);
 }
 
-TEST(Skrib, ExportsItsSixFunctionsAndNothingElse) {
-    const auto listing = skrib_test::Run(SKRIB_NM, {"-D", "--defined-only", SKRIB_LIBRARY});
-    ASSERT_EQ(listing.status, 0) << listing.err;
-    std::set<std::string> names;
-    for (const std::string& line : skrib_test::Lines(listing.out)) {
-        names.insert(line.substr(line.rfind(' ') + 1));
-    }
-    const std::set<std::string> expected{"SKRIB_GetLogger",     "SKRIB_GetThreshold",
-                                         "SKRIB_ReleaseLogger", "SKRIB_SetSink",
-                                         "SKRIB_SetThreshold",  "SKRIB_Write"};
-    EXPECT_EQ(names, expected);
-}
-
 TEST(Skrib, StaysInTheProcessWhenItIsUnloaded) {
     const auto outcome = skrib_test::Run(SKRIB_UNLOADER, {SKRIB_LIBRARY});
     EXPECT_EQ(outcome.status, 0) << outcome.err;

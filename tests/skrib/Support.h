@@ -2,31 +2,31 @@
 // program, a gate for threads.
 #pragma once
 
-#include <fcntl.h>
-#include <regex.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <condition_variable>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <mutex>
+#include <random>
+#include <regex>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "System.h"
 
 namespace skrib_test {
 
 class TemporaryFolder {
   public:
     TemporaryFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "skrib-XXXXXX").string();
-        if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder");
-        path_ = name;
+        std::random_device random;
+        do {
+            path_ = std::filesystem::temp_directory_path() /
+                    ("skrib-test-" + std::to_string(random()) + std::to_string(random()));
+        } while (!std::filesystem::create_directory(path_));
     }
     ~TemporaryFolder() {
         std::error_code ignored;
@@ -35,15 +35,34 @@ class TemporaryFolder {
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
-    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+    std::string operator/(const std::string& name) const {
+        return (path_ / std::filesystem::u8path(name)).u8string();
+    }
 
   private:
     std::filesystem::path path_;
 };
 
-inline std::string Contents(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
+// The text with "\n" at the ends of its lines, whatever the system has there.
+inline std::string WithPlainLines(const std::string& text) {
+    const std::string line_end = kLineEnd;
+    std::string plain;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find(line_end, at), text.size());
+        plain.append(text, at, end - at);
+        if (end < text.size()) plain += '\n';
+        at = end + line_end.size();
+    }
+    return plain;
+}
+
+inline std::string Bytes(const std::string& path) {
+    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline std::string Contents(const std::string& path) {
+    return WithPlainLines(Bytes(path));
 }
 
 inline std::vector<std::string> Lines(const std::string& text) {
@@ -53,68 +72,26 @@ inline std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
-// What the extended regular expression found and its groups; empty: nothing.
+// What the regular expression found and its groups; empty: nothing.
 inline std::vector<std::string> Match(const std::string& pattern, const std::string& text) {
-    regex_t compiled;
-    if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED) != 0) {
-        throw std::invalid_argument(pattern);
-    }
-    std::vector<regmatch_t> found(compiled.re_nsub + 1);
-    std::vector<std::string> parts;
-    if (regexec(&compiled, text.c_str(), found.size(), found.data(), 0) == 0) {
-        for (const regmatch_t& part : found) {
-            parts.push_back(text.substr(static_cast<std::size_t>(part.rm_so),
-                                        static_cast<std::size_t>(part.rm_eo - part.rm_so)));
-        }
-    }
-    regfree(&compiled);
-    return parts;
+    static std::map<std::string, std::regex> compiled;
+    const std::regex& expression = compiled.try_emplace(pattern, pattern).first->second;
+    std::smatch found;
+    if (!std::regex_search(text, found, expression)) return {};
+    return {found.begin(), found.end()};
 }
 
 struct Outcome {
-    int status = -1;  // of the exit; -1: ended otherwise
-    pid_t process = 0;
+    int status = -1;     // of the exit; -1: ended otherwise
+    std::string thread;  // its first one's number, as the log shows it
     std::string out;
     std::string err;
 };
 
-// Runs a program to its end with only that environment (and the sanitizers' settings).
-// err_path: where its standard error goes, if not to the outcome.
-inline Outcome Run(const std::string& program, const std::vector<std::string>& arguments,
-                   std::vector<std::string> environment = {}, const std::string& err_path = "") {
-    const TemporaryFolder folder;
-    const std::string out = folder / "out";
-    const std::string err = err_path.empty() ? folder / "err" : err_path;
-    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"}) {
-        if (const char* value = std::getenv(name)) {
-            environment.push_back(std::string(name) + "=" + value);
-        }
-    }
-    const auto pointers = [](const std::vector<std::string>& texts) {
-        std::vector<char*> result;
-        for (const std::string& text : texts) result.push_back(const_cast<char*>(text.c_str()));
-        result.push_back(nullptr);
-        return result;
-    };
-    std::vector<std::string> words{program};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT, 0600);
-    posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT, 0600);
-    Outcome outcome;
-    const int failed = posix_spawn(&outcome.process, program.c_str(), &files, nullptr,
-                                   pointers(words).data(), pointers(environment).data());
-    posix_spawn_file_actions_destroy(&files);
-    if (failed != 0) throw std::runtime_error("cannot start " + program);
-    int status = 0;
-    if (waitpid(outcome.process, &status, 0) == outcome.process && WIFEXITED(status)) {
-        outcome.status = WEXITSTATUS(status);
-    }
-    outcome.out = Contents(out);
-    if (err_path.empty()) outcome.err = Contents(err);
-    return outcome;
-}
+// Runs a program to its end with only that environment, and what no program of the system can do
+// without. err_path: where its standard error goes, if not to the outcome.
+Outcome Run(const std::string& program, const std::vector<std::string>& arguments,
+            const std::vector<std::string>& environment = {}, const std::string& err_path = "");
 
 // Closed until opened, then open for good.
 class Gate {

@@ -9,6 +9,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
+using tova_test::CurrentFolder;
 using tova_test::Records;
 using tova_test::TempFolder;
 
@@ -23,20 +24,6 @@ Function FunctionOf(void* dso, const char* name) {
 std::string FileName(const char* path) {
     return fs::u8path(path).filename().u8string();
 }
-
-// The folder is the current one for a while.
-class CurrentFolder {
-  public:
-    explicit CurrentFolder(const std::string& path) : before_(fs::current_path()) {
-        fs::current_path(fs::u8path(path));
-    }
-    ~CurrentFolder() { fs::current_path(before_); }
-    CurrentFolder(const CurrentFolder&) = delete;
-    CurrentFolder& operator=(const CurrentFolder&) = delete;
-
-  private:
-    const fs::path before_;
-};
 
 }  // namespace
 

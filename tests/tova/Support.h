@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "RemoveAll.h"
 #include "tova.h"
 
 namespace tova_test {
@@ -22,10 +23,7 @@ class TempFolder {
                     ("tova-test-" + std::to_string(random()) + std::to_string(random()));
         } while (!std::filesystem::create_directory(path_));
     }
-    ~TempFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
+    ~TempFolder() { RemoveAll(path_); }
     TempFolder(const TempFolder&) = delete;
     TempFolder& operator=(const TempFolder&) = delete;
 
@@ -52,6 +50,20 @@ class TempFolder {
 
   private:
     std::filesystem::path path_;
+};
+
+// The folder is the current one for a while.
+class CurrentFolder {
+  public:
+    explicit CurrentFolder(const std::string& path) : before_(std::filesystem::current_path()) {
+        std::filesystem::current_path(std::filesystem::u8path(path));
+    }
+    ~CurrentFolder() { std::filesystem::current_path(before_); }
+    CurrentFolder(const CurrentFolder&) = delete;
+    CurrentFolder& operator=(const CurrentFolder&) = delete;
+
+  private:
+    const std::filesystem::path before_;
 };
 
 inline std::string ReadBytes(const std::string& path) {

@@ -1,6 +1,6 @@
 #include "module.h"
 
-/* Nothing that is linked defines it; the provider would. */
+/* Nothing that is there at run time defines it; the provider would. */
 MODULE_IMPORT int module_borrowed(void);
 MODULE_EXPORT int module_unresolved(void);
 

@@ -126,6 +126,12 @@ TEST(DirectoryPosix, NamesAreListedByteForByte) {
                 ElementsAre(".", "..", " ", "a\nb", "a\\b", "\xFF\xFE"));
 }
 
+TEST(DirectoryPosix, NamesThatDifferInTheirCaseAloneAreTwo) {
+    TempFolder folder;
+    for (const char* name : {"b", "B", "ab", "aB"}) folder.Write(name, "");
+    EXPECT_THAT(Names(List(folder.Path())), ElementsAre(".", "..", "B", "aB", "ab", "b"));
+}
+
 TEST(DirectoryPosix, IdentityIsThatOfTheFileSystem) {
     TempFolder folder;
     struct stat status {};

@@ -7,24 +7,9 @@
 #include <sstream>
 #include <string>
 
-#include "../Support.h"
+#include "../HeaderFunctions.h"
 
 namespace {
-
-// Every name before a "(" in a declaration, that is after the mark of an exported function.
-std::set<std::string> FunctionsOfTheHeader() {
-    const std::string header = tova_test::ReadBytes(TOVA_HEADER);
-    const std::string mark = "TOVA_API ";
-    std::set<std::string> names;
-    for (size_t at = header.find(mark); at != std::string::npos; at = header.find(mark, at + 1)) {
-        // The definitions of the mark itself.
-        if (header.compare(at + mark.size(), 2, "__") == 0) continue;
-        const size_t end = header.find('(', at);
-        const size_t start = header.find_last_of(" *", end) + 1;
-        names.insert(header.substr(start, end - start));
-    }
-    return names;
-}
 
 std::set<std::string> DefinedSymbols(const char* library) {
     const std::string command = std::string(NM_PROGRAM) + " -D --defined-only " + library;
@@ -45,7 +30,7 @@ std::set<std::string> DefinedSymbols(const char* library) {
 }  // namespace
 
 TEST(Exports, AreTheFunctionsOfTheHeaderAndNothingElse) {
-    const std::set<std::string> declared = FunctionsOfTheHeader();
+    const std::set<std::string> declared = tova_test::FunctionsOfTheHeader();
     EXPECT_EQ(declared.size(), 24u);
     EXPECT_EQ(DefinedSymbols(TOVA_LIBRARY), declared);
 }

@@ -4,8 +4,8 @@
 #include <set>
 #include <string>
 
+#include "ElfFile.h"
 #include "capi/CapiWorld.h"
-#include "capi/ElfFile.h"
 
 namespace vessa_test {
 namespace {

@@ -1,4 +1,4 @@
-#include "capi/ElfFile.h"
+#include "ElfFile.h"
 
 #include <elf.h>
 
