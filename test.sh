@@ -30,6 +30,14 @@ suite() {
     # shellcheck disable=SC2086
     ctest --test-dir "build-$preset" --output-on-failure --progress --schedule-random \
         -j "$((jobs * 2))" ${CTEST_OPTIONS:-}
+    skipped "build-$preset/Testing/Temporary/LastTest.log"
+}
+
+# What could not be tested here, by name, and why.
+skipped() {
+    awk '/^[0-9]+\/[0-9]+ Test: / { name = $3 }
+         /: Skipped$/ { getline reason; print "   skipped: " name ": " substr(reason, 1, 120) }' "$1" |
+        sort
 }
 
 # consumer <build folder> [options of cmake]: the installed package, used by a project outside of
