@@ -33,11 +33,12 @@ suite() {
     skipped "build-$preset/Testing/Temporary/LastTest.log"
 }
 
-# What could not be tested here, by name, and why.
+# What could not be tested here, by name, and why; and how many tests passed.
 skipped() {
-    awk '/^[0-9]+\/[0-9]+ Test: / { name = $3 }
+    awk '/^\[ RUN / { name = $4 }
          /: Skipped$/ { getline reason; print "   skipped: " name ": " substr(reason, 1, 120) }' "$1" |
         sort
+    echo "   $(grep -c '^\[       OK \]' "$1" || true) tests passed"
 }
 
 # consumer <build folder> [options of cmake]: the installed package, used by a project outside of
