@@ -4,15 +4,15 @@
 #
 #   ./test.sh               all of it
 #   ./test.sh --no-windows  without the Windows stage
-#   ./test.sh gcc           one stage, or several: gcc package asan tsan windows
+#   ./test.sh gcc           one stage, or several: gcc package guard asan tsan windows
 #
 # Options of the test runner come from the environment, as CTEST_OPTIONS="-R Timer".
 set -euo pipefail
 cd "$(dirname "$0")"
 
 case ${1:-} in
-    "") stages=(gcc package asan tsan windows) ;;
-    --no-windows) stages=(gcc package asan tsan) ;;
+    "") stages=(gcc package guard asan tsan windows) ;;
+    --no-windows) stages=(gcc package guard asan tsan) ;;
     *) stages=("$@") ;;
 esac
 jobs=$(nproc)
@@ -63,6 +63,12 @@ package() {
     consumer build-gcc
 }
 
+# The lengths of the paths that applications take most, in instructions.
+guard() {
+    echo "== guard: build, count"
+    bench/guard.sh
+}
+
 windows() {
     tools/windows-deps.sh
     suite windows-mingw
@@ -72,9 +78,10 @@ windows() {
 for stage in "${stages[@]}"; do
     case $stage in
         package) package ;;
+        guard) guard ;;
         windows) windows ;;
         gcc | asan | tsan) suite "$stage" ;;
-        *) echo "test.sh: no stage '$stage'; there are: gcc package asan tsan windows" >&2; exit 2 ;;
+        *) echo "test.sh: no stage '$stage'; there are: gcc package guard asan tsan windows" >&2; exit 2 ;;
     esac
 done
 echo "test.sh: all stages passed: ${stages[*]}"

@@ -24,15 +24,6 @@ std::string DeepPath(size_t index, size_t plugins) {
     return path;
 }
 
-void WriteFolders(const std::string& root, Shape shape, size_t plugins) {
-    for (size_t i = 0; i < plugins; ++i) {
-        const std::string folder =
-            root + (shape == Shape::kDeep ? DeepPath(i, plugins) : "/" + Key(i));
-        fs::create_directories(folder);
-        WriteFile(folder + kListName, ListText(i, 1));
-    }
-}
-
 }  // namespace
 
 const char* NameOf(Shape shape) {
@@ -45,6 +36,15 @@ const char* NameOf(Shape shape) {
             return "deep";
     }
     return "";
+}
+
+void WriteFolders(const std::string& root, Shape shape, size_t plugins) {
+    for (size_t i = 0; i < plugins; ++i) {
+        const std::string folder =
+            root + (shape == Shape::kDeep ? DeepPath(i, plugins) : "/" + Key(i));
+        fs::create_directories(folder);
+        WriteFile(folder + kListName, ListText(i, 1));
+    }
 }
 
 std::string ListText(size_t first, size_t count, const std::string& module) {

@@ -2,8 +2,6 @@
 #ifndef VESSA_BENCH_LISTS_H
 #define VESSA_BENCH_LISTS_H
 
-#include <benchmark/benchmark.h>
-
 #include <cstddef>
 #include <string>
 #include <utility>
@@ -25,7 +23,10 @@ std::string ListText(size_t first, size_t count, const std::string& module = std
 // A root with that many plug-ins. It is kept, and its modules do not exist.
 std::string RootWith(Shape shape, size_t plugins);
 
-// The same beside it, for a benchmark that changes it.
+// The folders and lists of kEach or kDeep in a root that is there.
+void WriteFolders(const std::string& root, Shape shape, size_t plugins);
+
+// The same as RootWith beside it, for a benchmark that changes it.
 std::string ChangingRootWith(Shape shape, size_t plugins);
 
 // Reads everything below a root, so that no row pays for what the system has not read yet.
