@@ -21,7 +21,7 @@ void WriteFile(const std::string& path, const std::string& text) {
     if (!file) throw std::runtime_error("cannot write " + path);
 }
 
-TempFolder::TempFolder(const std::string& parent) : path_(parent + "/run-XXXXXX") {
+TempFolder::TempFolder(const std::string& parent) : path_(parent + "/vessa-bench-XXXXXX") {
     if (mkdtemp(&path_[0]) == nullptr) throw std::runtime_error("no folder in " + parent);
 }
 

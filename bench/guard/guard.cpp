@@ -40,6 +40,7 @@ void Require(bool is_so, const char* what) {
 class Paths {
   public:
     explicit Paths(size_t keys) : keys_(Keys(keys)), order_(keys), library_(kWorldParent) {
+        Scans::Attach(library_);
         library_.DeclareOnOneModule(keys);
     }
 
@@ -79,6 +80,7 @@ class Paths {
 void RunRescans() {
     Library library(kWorldParent);
     const std::string root = library.MakeRoot();
+    Scans::Attach(library);
     WriteFolders(root, Shape::kEach, kFolders);
     Scans::Hold();
     Require(library.Init() == VESSA_OK, "not started");

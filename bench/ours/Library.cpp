@@ -19,32 +19,33 @@ void* Load(const std::string& file) {
     return library;
 }
 
-void* Symbol(void* library, const char* name) {
-    void* const symbol = dlsym(library, name);
+}  // namespace
+
+// Of the library or of one of the two below it.
+void* Library::Symbol(const char* name) const {
+    void* const symbol = dlsym(vessa_, name);
     if (symbol == nullptr) throw std::runtime_error(dlerror());
     return symbol;
 }
 
-}  // namespace
-
 template <class Function>
 void Library::Find(Function& function, const char* name) {
-    function = reinterpret_cast<Function>(Symbol(vessa_, name));
+    function = reinterpret_cast<Function>(Symbol(name));
 }
 
 Library::Library() : Library(WorkFolder()) {}
 
 Library::Library(const std::string& parent) : folder_(parent) {
     folder_.Copy(BENCH_TOVA_FILE, "libtova.so.2");
-    void* const skrib = Load(folder_.Copy(BENCH_SKRIB_FILE, "libskrib.so.2"));
+    folder_.Copy(BENCH_SKRIB_FILE, "libskrib.so.2");
     vessa_ = Load(folder_.Copy(BENCH_VESSA_FILE, "libvessa.so.2"));
     Find(Init, "VESSA_Init");
     Find(Uninit, "VESSA_Uninit");
     Find(CreateInstance, "VESSA_CreateInstance");
     Find(DestroyInstance, "VESSA_DestroyInstance");
     Find(QueryInterface, "VESSA_QueryInterface");
-    const auto set_threshold =
-        reinterpret_cast<decltype(&SKRIB_SetThreshold)>(Symbol(skrib, "SKRIB_SetThreshold"));
+    decltype(&SKRIB_SetThreshold) set_threshold = nullptr;
+    Find(set_threshold, "SKRIB_SetThreshold");
     set_threshold(nullptr, SKRIB_LEVEL_OFF);
 }
 

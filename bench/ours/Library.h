@@ -28,6 +28,8 @@ class Library {
     // A root of list files with this many keys on one module, which is copied there.
     void DeclareOnOneModule(size_t keys);
 
+    void* Symbol(const char* name) const;
+
     decltype(&VESSA_Init) Init = nullptr;
     decltype(&VESSA_Uninit) Uninit = nullptr;
     decltype(&VESSA_CreateInstance) CreateInstance = nullptr;
@@ -55,9 +57,11 @@ class StartedLibrary {
 };
 
 // The scan of every 30 seconds in the program's hands. While it is held the library's thread
-// waits for the program instead of the clock.
+// waits for the program instead of the clock. A program that uses this exports its symbols.
 class Scans {
   public:
+    // After the library's construction and before anything else with it.
+    static void Attach(const Library& library);
     // Before the library is started, and before it is stopped.
     static void Hold();
     static void Release();

@@ -3,9 +3,6 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
-#include <cstdio>
-#include <ctime>
-#include <stdexcept>
 #include <string>
 
 #include "common/Lists.h"
@@ -61,67 +58,6 @@ void RunMemory(benchmark::State& state) {
     }
 }
 
-// A started library whose scans the benchmark causes.
-class Scanned {
-  public:
-    explicit Scanned(const std::string& root) {
-        library_.LinkRoot(root);
-        Scans::Hold();
-        if (library_.Init() != VESSA_OK) throw std::runtime_error("the library does not start");
-        // The first one fills what later ones find there.
-        Scans::RunOne();
-    }
-    ~Scanned() {
-        Scans::Release();
-        library_.Uninit();
-    }
-    Scanned(const Scanned&) = delete;
-    Scanned& operator=(const Scanned&) = delete;
-
-  private:
-    Library library_;
-};
-
-void RunUnchangedScan(benchmark::State& state, Shape shape) {
-    const Scanned scanned(RootWith(shape, static_cast<size_t>(state.range(0))));
-    for (auto _ : state) state.SetIterationTime(Scans::RunOne());
-}
-
-// A file that was written this very moment makes a scan wait until the file system's clock has
-// gone on, which is no work.
-void WaitForNextFileTime() {
-    timespec tick{};
-    clock_getres(CLOCK_REALTIME_COARSE, &tick);
-    tick.tv_nsec *= 3;
-    nanosleep(&tick, nullptr);
-}
-
-// One list gets a second plug-in, or loses it again.
-void RunChangedScan(benchmark::State& state) {
-    const auto plugins = static_cast<size_t>(state.range(0));
-    const std::string root = ChangingRootWith(Shape::kEach, plugins);
-    const std::string list = root + "/" + Key(plugins / 2) + "/tarnet.xml";
-    const Scanned scanned(root);
-    bool is_longer = false;
-    for (auto _ : state) {
-        is_longer = !is_longer;
-        WriteFile(list + ".new", is_longer ? ListText(plugins, 2) : ListText(plugins / 2, 1));
-        if (std::rename((list + ".new").c_str(), list.c_str()) != 0)
-            state.SkipWithError("no rename");
-        WaitForNextFileTime();
-        state.SetIterationTime(Scans::RunOne());
-    }
-}
-
-void RegisterOne(const std::string& row, void (*run)(benchmark::State&), int plugins,
-                 int iterations) {
-    benchmark::RegisterBenchmark(RowName("ours", row).c_str(), run)
-        ->ArgName("plugins")
-        ->Arg(plugins)
-        ->Iterations(iterations)
-        ->UseManualTime();
-}
-
 }  // namespace
 
 void RegisterStartRows() {
@@ -132,16 +68,6 @@ void RegisterStartRows() {
             ->Iterations(iterations)
             ->UseManualTime();
     });
-    for (const Shape shape : {Shape::kEach, Shape::kDeep}) {
-        benchmark::RegisterBenchmark(
-            RowName("ours", std::string("rescan/") + NameOf(shape)).c_str(), RunUnchangedScan,
-            shape)
-            ->ArgName("plugins")
-            ->Arg(10000)
-            ->Iterations(5)
-            ->UseManualTime();
-    }
-    RegisterOne("rescan_one_changed", RunChangedScan, 10000, 5);
     benchmark::RegisterBenchmark(RowName("ours", "memory").c_str(), RunMemory)
         ->ArgName("plugins")
         ->Arg(100000)

@@ -1,4 +1,4 @@
-// The rows of the library that start it and scan.
+// The rows of the library that start it.
 #ifndef VESSA_BENCH_STARTROWS_H
 #define VESSA_BENCH_STARTROWS_H
 
