@@ -35,6 +35,7 @@ class CreateRows {
   public:
     // Keys and live instances are varied on one thread; threads where a goal is set.
     static void Register(const std::string& contestant, const CreateLimits& limits) {
+        AtEnd(Forget);
         for (const int keys : limits.keys) RegisterOne(contestant, keys, 0, 1);
         for (const int live : limits.live) RegisterOne(contestant, 1, live, 1);
         for (const int threads : limits.threads) {
@@ -58,6 +59,7 @@ class CreateRows {
     static Host& CurrentHost() { return *world_->host; }
     static void Prepare(const benchmark::State& state);
     static void Run(benchmark::State& state);
+    static void Forget() { world_.reset(); }
 
   private:
     struct Live {

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "common/Rows.h"
 
@@ -24,7 +25,16 @@ void StartSleepingThread() {
     }).detach();
 }
 
+std::vector<std::function<void()>>& Endings() {
+    static std::vector<std::function<void()>> endings;
+    return endings;
+}
+
 }  // namespace
+
+void bench::AtEnd(std::function<void()> function) {
+    Endings().push_back(std::move(function));
+}
 
 int main(int argc, char** argv) {
     StartSleepingThread();
@@ -32,5 +42,6 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     bench::RegisterRows();
     benchmark::RunSpecifiedBenchmarks();
+    for (const auto& ending : Endings()) ending();
     benchmark::Shutdown();
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,9 @@ namespace bench {
 
 // Defined by each program: registers its benchmarks.
 void RegisterRows();
+
+// Runs after the last benchmark: what rows keep must go before global objects do.
+void AtEnd(std::function<void()> function);
 
 inline std::string RowName(const std::string& contestant, const std::string& row) {
     return contestant + ":" + row;

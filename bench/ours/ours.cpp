@@ -84,6 +84,7 @@ void RunBadDestroy(benchmark::State& state) {
 }
 
 void RegisterQueries() {
+    AtEnd([] { query_world.reset(); });
     for (const int live : {8, 100000}) {
         for (const int threads : {1, 2}) {
             benchmark::RegisterBenchmark(RowName("ours", "query").c_str(), RunQuery)

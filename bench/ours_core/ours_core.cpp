@@ -158,6 +158,7 @@ void RunWrittenRecord(benchmark::State& state) {
 }  // namespace
 
 void RegisterRows() {
+    AtEnd(Rows::Forget);
     for (const int keys : {1, 10000}) {
         for (const int threads : {1, 2}) RegisterReaders(keys, threads);
     }
