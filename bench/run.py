@@ -39,7 +39,8 @@ def find_benchmarks(build):
             contestant, full_row = name.split(":", 1)
             row = "/".join(part for part in full_row.split("/") if not TIMING.match(part))
             rows[row].append((contestant, program, name))
-    return dict(rows)
+    # What is compared with each other is measured one after the other.
+    return {row: rows[row] for row in sorted(rows, key=report.natural)}
 
 
 def run_once(program, name, min_time):

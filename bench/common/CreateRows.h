@@ -15,6 +15,7 @@
 #include <benchmark/benchmark.h>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -108,6 +109,7 @@ void CreateRows<Host>::Prepare(const benchmark::State& state) {
         while (of_thread.size() < live / threads) {
             const size_t key = world->keys->at(of_thread.size());
             of_thread.push_back(Live{world->host->Create(key), key});
+            if (of_thread.back().instance == nullptr) throw std::runtime_error("no instance");
         }
     }
     world_ = std::move(world);

@@ -87,8 +87,8 @@ std::string RootWith(Shape shape, size_t plugins) {
 std::string ChangingRootWith(Shape shape, size_t plugins) {
     const std::string name =
         std::string("changing-") + NameOf(shape) + "-" + std::to_string(plugins);
-    return KeptFolder(
-        name, [&](const std::string& folder) { WriteFolders(folder, shape, plugins); });
+    return KeptFolder(name,
+                      [&](const std::string& folder) { WriteFolders(folder, shape, plugins); });
 }
 
 }  // namespace bench

@@ -21,8 +21,7 @@ namespace {
 const tarnet_export_table_v2& Table() {
     static void* const module = dlopen(BENCH_MODULE_FILE, RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) throw std::runtime_error(dlerror());
-    static const auto entry =
-        reinterpret_cast<tarnet_entry_v2_t>(dlsym(module, TARNET_ENTRY_V2));
+    static const auto entry = reinterpret_cast<tarnet_entry_v2_t>(dlsym(module, TARNET_ENTRY_V2));
     return *entry();
 }
 
@@ -129,8 +128,8 @@ size_t ReadAndParse(const std::string& path) {
     document.Parse(text.c_str(), nullptr, TIXML_ENCODING_UNKNOWN);
     size_t elements = 0;
     const TiXmlElement* const section = document.FirstChildElement("vessa");
-    for (const TiXmlElement* element =
-             section != nullptr ? section->FirstChildElement("plugin") : nullptr;
+    for (const TiXmlElement* element = section != nullptr ? section->FirstChildElement("plugin")
+                                                          : nullptr;
          element != nullptr; element = element->NextSiblingElement("plugin"))
         ++elements;
     return elements;

@@ -1,11 +1,11 @@
 #include "ours/StartRows.h"
 
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
 #include <string>
 
 #include "common/Lists.h"
+#include "common/MemoryRow.h"
 #include "common/Rows.h"
 #include "ours/Library.h"
 
@@ -39,22 +39,15 @@ void RunStartAndStop(benchmark::State& state) {
     }
 }
 
-size_t AllocatedBytes() {
-    const struct mallinfo2 info = mallinfo2();
-    return info.uordblks + info.hblkhd;
-}
-
-// What a start leaves allocated, for each plug-in.
-void RunMemory(benchmark::State& state) {
+// What a start leaves allocated. It holds no keys of the benchmark's.
+void RunMemoryOfStart(benchmark::State& state) {
     const auto plugins = static_cast<size_t>(state.range(0));
     Library library;
     library.LinkRoot(RootWith(Shape::kOneFile, plugins));
     for (auto _ : state) {
-        const size_t before = AllocatedBytes();
-        const StartedLibrary started(library);
-        const size_t after = AllocatedBytes();
         state.counters["bytes"] =
-            static_cast<double>(after - before) / static_cast<double>(plugins);
+            BytesOf([&] { return std::make_unique<StartedLibrary>(library); }) /
+            static_cast<double>(plugins);
     }
 }
 
@@ -68,10 +61,7 @@ void RegisterStartRows() {
             ->Iterations(iterations)
             ->UseManualTime();
     });
-    benchmark::RegisterBenchmark(RowName("ours", "memory").c_str(), RunMemory)
-        ->ArgName("plugins")
-        ->Arg(100000)
-        ->Iterations(1);
+    RegisterMemoryOf("ours", RunMemoryOfStart);
     benchmark::RegisterBenchmark(RowName("ours", "start_stop_empty").c_str(), RunStartAndStop)
         ->UseRealTime();
 }

@@ -2,7 +2,9 @@
 // of the runtime.
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <stdexcept>
 #include <string>
@@ -10,6 +12,34 @@
 #include "common/Lists.h"
 #include "common/Rows.h"
 #include "ours/Library.h"
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* block, size_t size);
+}
+
+namespace {
+
+std::atomic<long> allocations{0};
+
+}  // namespace
+
+// The library's allocations come here as well. What is counted is little beside a scan.
+extern "C" {
+__attribute__((visibility("default"))) void* malloc(size_t size) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    return __libc_malloc(size);
+}
+__attribute__((visibility("default"))) void* calloc(size_t count, size_t size) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    return __libc_calloc(count, size);
+}
+__attribute__((visibility("default"))) void* realloc(void* block, size_t size) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    return __libc_realloc(block, size);
+}
+}
 
 namespace bench {
 namespace {
@@ -38,7 +68,11 @@ class Scanned {
 
 void RunUnchangedScan(benchmark::State& state, Shape shape) {
     const Scanned scanned(RootWith(shape, static_cast<size_t>(state.range(0))));
+    const long before = allocations.load();
     for (auto _ : state) state.SetIterationTime(Scans::RunOne());
+    state.counters["allocations_each_list"] =
+        static_cast<double>(allocations.load() - before) /
+        static_cast<double>(state.iterations() * state.range(0));
 }
 
 // A file that was written this very moment makes a scan wait until the file system's clock has

@@ -7,6 +7,7 @@
 #include "common/CreateRows.h"
 #include "common/Folder.h"
 #include "common/Lists.h"
+#include "common/LogRow.h"
 #include "common/MessageFormat.h"
 #include "skrib.h"
 #include "vessa/vessa.h"
@@ -107,8 +108,7 @@ void RunBesideWriter(benchmark::State& state) {
     Rows::Run(state);
     if (!counts) return;
     const long rounds = writer->Rounds() - before;
-    state.counters["writer_rounds_each_second"] =
-        static_cast<double>(rounds) / SecondsSince(start);
+    state.counters["writer_rounds_each_second"] = static_cast<double>(rounds) / SecondsSince(start);
     state.counters["writer_rounds"] = static_cast<double>(rounds);
 }
 
@@ -130,11 +130,6 @@ void RegisterReaders(int keys, int threads) {
 
 void LogOneRecord(void* instance, int error) {
     LOG_FORMAT(kDebug, "benchmark record, instance {0}, plugin error {1}", instance, error);
-}
-
-void RunSuppressedRecord(benchmark::State& state) {
-    SKRIB_SetThreshold(nullptr, SKRIB_LEVEL_OFF);
-    for (auto _ : state) LogOneRecord(&state, 7);
 }
 
 std::atomic<long> received{0};
@@ -162,8 +157,9 @@ void RegisterRows() {
     for (const int keys : {1, 10000}) {
         for (const int threads : {1, 2}) RegisterReaders(keys, threads);
     }
-    benchmark::RegisterBenchmark(RowName("ours", "log/suppressed").c_str(), RunSuppressedRecord)
-        ->UseRealTime();
+    RegisterSuppressedRecord(
+        "ours", [] { SKRIB_SetThreshold(nullptr, SKRIB_LEVEL_OFF); },
+        [](void* address, int number) { LogOneRecord(address, number); });
     benchmark::RegisterBenchmark(RowName("ours", "log/written").c_str(), RunWrittenRecord)
         ->UseRealTime();
 }

@@ -1,6 +1,7 @@
 // ROS class_loader, with instances whose life the application ends itself.
-#include <class_loader/class_loader.hpp>
 #include <console_bridge/console.h>
+
+#include <class_loader/class_loader.hpp>
 
 #include "common/CreateRows.h"
 #include "common/LoadRow.h"

@@ -12,9 +12,8 @@ std::vector<Factory> RegisterAll() {
     std::vector<Factory> factories;
     const size_t keys = bench::KeysOfModule();
     for (size_t i = 0; i < keys; ++i) {
-        factories.push_back(
-            class_loader::impl::registerPlugin<bench::BenchCodec, bench::Codec>(bench::Key(i),
-                                                                                "bench::Codec"));
+        factories.push_back(class_loader::impl::registerPlugin<bench::BenchCodec, bench::Codec>(
+            bench::Key(i), "bench::Codec"));
     }
     return factories;
 }

@@ -3,6 +3,8 @@
 #include <glib-object.h>
 
 #include "common/CreateRows.h"
+#include "common/LogRow.h"
+#include "common/MemoryRow.h"
 
 namespace bench {
 namespace {
@@ -43,9 +45,7 @@ class CreateHost {
         RegisterTypes(keys);
         for (size_t i = 0; i < keys; ++i) keys_.push_back(TypeName(i));
     }
-    void* Create(size_t key) {
-        return g_object_new(g_type_from_name(keys_[key].c_str()), nullptr);
-    }
+    void* Create(size_t key) { return g_object_new(g_type_from_name(keys_[key].c_str()), nullptr); }
     void Destroy(size_t, void* instance) { g_object_unref(instance); }
 
   private:
@@ -56,6 +56,12 @@ class CreateHost {
 
 void RegisterRows() {
     CreateRows<CreateHost>::Register("gobject", CreateLimits());
+    RegisterMemory<CreateHost>("gobject");
+    RegisterSuppressedRecord(
+        "gobject", [] {},
+        [](void* address, int number) {
+            g_debug("benchmark record, instance %p, plugin error %d", address, number);
+        });
 }
 
 }  // namespace bench

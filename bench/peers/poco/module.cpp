@@ -9,8 +9,8 @@ bool pocoBuildManifest(Poco::ManifestBase* base) {
     if (manifest == nullptr) return false;
     const size_t keys = bench::KeysOfModule();
     for (size_t i = 0; i < keys; ++i) {
-        manifest->insert(new Poco::MetaObject<bench::BenchCodec, bench::Codec>(
-            bench::Key(i).c_str()));
+        manifest->insert(
+            new Poco::MetaObject<bench::BenchCodec, bench::Codec>(bench::Key(i).c_str()));
     }
     return true;
 }

@@ -1,9 +1,12 @@
 // POCO ClassLoader, with the instances tracked by it, as ours are, and without. The tracking has no
 // lock of its own.
 #include <Poco/ClassLoader.h>
+#include <Poco/Logger.h>
 
 #include "common/CreateRows.h"
 #include "common/LoadRow.h"
+#include "common/LogRow.h"
+#include "common/MemoryRow.h"
 #include "peers/PeerModule.h"
 
 namespace bench {
@@ -43,9 +46,7 @@ class Untracked : public Loaded {
 
 class LoadHost {
   public:
-    explicit LoadHost(const std::vector<std::string>& files) : files_(files) {
-        SetKeysOfModule(1);
-    }
+    explicit LoadHost(const std::vector<std::string>& files) : files_(files) { SetKeysOfModule(1); }
     bool FirstUse(size_t index) {
         loader_.loadLibrary(files_[index]);
         return loader_.create(key_) != nullptr;
@@ -67,6 +68,14 @@ void RegisterRows() {
     CreateRows<Tracked>::Register("poco_tracked", tracked);
     CreateRows<Untracked>::Register("poco_untracked", CreateLimits());
     RegisterLoad<LoadHost>("poco_tracked");
+    RegisterMemory<Tracked>("poco_tracked");
+    static Poco::Logger& logger = Poco::Logger::get("bench");
+    RegisterSuppressedRecord(
+        "poco_tracked", [] { logger.setLevel(Poco::Message::PRIO_FATAL); },
+        [](void* address, int number) {
+            poco_information_f2(logger, "benchmark record, instance %z, plugin error %d",
+                                reinterpret_cast<std::size_t>(address), number);
+        });
 }
 
 }  // namespace bench
