@@ -24,8 +24,8 @@ trap 'rm -rf "$counts"' EXIT
 valgrind --tool=callgrind --instr-atstart=no --callgrind-out-file="$counts/out" \
     build-bench/bin/bench_guard >"$counts/log" 2>&1 || { cat "$counts/log"; exit 1; }
 
-# "<path> <instructions for one operation>", from the dumps in the order in which they were made.
-for dump in $(ls -v "$counts"/out.*); do
+# "<path> <instructions for one operation>", one dump for each path.
+for dump in "$counts"/out.*; do
     awk '/^desc: Trigger: Client Request:/ { path = $(NF - 1); times = $NF }
          /^totals:/ && path != "" { printf "%s %.0f\n", path, $2 / times }' "$dump"
 done >"$counts/now"
