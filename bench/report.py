@@ -20,6 +20,7 @@ CONTESTANTS = {
     "qt": "Qt plug-in factory",
     "gstreamer": "GStreamer",
     "libpeas": "libpeas",
+    "self_made": "one map, one mutex",
 }
 OURS_COLOUR, FLOOR_COLOUR, PEER_COLOUR, MISSED_COLOUR = "#1b6ca8", "#9a9a9a", "#d9a441", "#b5443c"
 
@@ -109,8 +110,9 @@ def others_table(results):
                 ratio = f"{r.ratio((contestant, row), ('floor', row)):.2f}"
             counters = ", ".join(f"{figure.replace('_', ' ')} {r.value(contestant, row, figure):,.0f}"
                                  for figure in figures if figure != "ns")
-            lines.append([readable(row), CONTESTANTS[contestant], ratio,
-                          duration(r.value(contestant, row)), counters])
+            # Of memory the time says nothing.
+            time = "" if row.startswith("memory") else duration(r.value(contestant, row))
+            lines.append([readable(row), CONTESTANTS[contestant], ratio, time, counters])
     return table(["row", "contestant", "times floor", "absolute", "besides"], lines)
 
 
@@ -134,6 +136,11 @@ def preface(results):
             f"Commit {results['commit']}. Medians of {results['rounds']} rounds.")
 
 
+def versions(results):
+    return "Debian's " + ", ".join(f"{name} {version}"
+                                   for name, version in results["packages"].items()) + ".\n"
+
+
 def table_text(results):
     rows = [row for row in results["rows"] if row.startswith("create/") and row.endswith("threads:1")]
     by_keys = sorted((row for row in rows if "/live:0/" in row), key=natural)
@@ -146,7 +153,8 @@ def table_text(results):
         ("First load of a module", load_table(results)),
         ("Everything else", others_table(results)),
     ]
-    text = "# Benchmarks\n\nWritten by `bench/run.py`. " + preface(results) + "\n"
+    text = "# Benchmarks\n\nWritten by `bench/run.py`. " + preface(results) + "\n\n"
+    text += versions(results)
     return text + "".join(f"\n## {title}\n\n{body}" for title, body in sections)
 
 

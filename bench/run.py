@@ -45,15 +45,18 @@ def find_benchmarks(build):
 
 def run_once(program, name, min_time):
     """One figure: nanoseconds for one operation, and the counters."""
-    text = output_of(
-        program,
-        f"--benchmark_filter=^{re.escape(name)}$",
-        f"--benchmark_min_time={min_time}",
-        "--benchmark_format=json",
-    )
+    try:
+        text = output_of(
+            program,
+            f"--benchmark_filter=^{re.escape(name)}$",
+            f"--benchmark_min_time={min_time}",
+            "--benchmark_format=json",
+        )
+    except subprocess.CalledProcessError as failure:
+        sys.exit(f"run.py: {name} ended with {failure.returncode}:\n{failure.stderr[-2000:]}")
     (entry,) = json.loads(text)["benchmarks"]
     if entry.get("error_occurred"):
-        raise RuntimeError(f"{name}: {entry['error_message']}")
+        sys.exit(f"run.py: {name}: {entry['error_message']}")
     scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[entry["time_unit"]]
     known = {"iterations", "real_time", "cpu_time", "threads", "repetitions", "repetition_index",
              "family_index", "per_family_instance_index"}
@@ -96,6 +99,19 @@ def compiler(build):
     return output_of(path, "--version").splitlines()[0] + ", " + kind
 
 
+def packages():
+    """The versions of what is measured beside the library."""
+    names = ("libpoco-dev", "libclass-loader-dev", "libglib2.0-dev", "libboost-dev",
+             "qt6-base-dev", "libgstreamer1.0-dev", "libpeas-dev", "libtinyxml-dev")
+    found = {}
+    for name in names:
+        query = subprocess.run(["dpkg-query", "-W", "-f=${Version}", name],
+                               capture_output=True, text=True, check=False)
+        if query.returncode == 0:
+            found[name] = query.stdout
+    return found
+
+
 def commit():
     changed = output_of("git", "status", "--porcelain", "--untracked-files=no", cwd=ROOT)
     changed = [line for line in changed.splitlines() if not line[3:].startswith("docs/performance/")]
@@ -129,6 +145,7 @@ def main():
         },
         "compiler": compiler(arguments.build),
         "commit": commit(),
+        "packages": packages(),
         "rounds": arguments.rounds,
         "library bytes": stripped_size((arguments.build / "lib/libvessa.so").resolve()),
         "rows": measure(rows, arguments.rounds, arguments.min_time),

@@ -27,5 +27,5 @@ static gboolean Init(GstPlugin* plugin) {
 
 /* Where the name of the file says nothing, this symbol is looked for. */
 __attribute__((visibility("default"))) GstPluginDesc gst_plugin_desc = {
-    GST_VERSION_MAJOR, GST_VERSION_MINOR,  "bench", "benchmark", Init, "1.0", "LGPL", "bench",
-    "bench",           "http://localhost", NULL,    {0}};
+    GST_VERSION_MAJOR, GST_VERSION_MINOR, "bench", "benchmark", Init, "1.0", "LGPL",
+    "bench",           "bench",           "bench", NULL,        {0}};

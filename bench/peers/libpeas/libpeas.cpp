@@ -7,6 +7,7 @@
 
 #include "common/CreateRows.h"
 #include "common/Folder.h"
+#include "common/Lists.h"
 
 namespace bench {
 namespace {
@@ -46,6 +47,59 @@ class CreateHost {
     PeasEngine* engine_;
 };
 
+// As the rows of list files have it: a description for each plug-in, in a folder of its own; the
+// modules do not exist.
+std::string DescriptionsOf(size_t plugins) {
+    return KeptFolder("libpeas-" + std::to_string(plugins), [plugins](const std::string& folder) {
+        for (const std::string& key : Keys(plugins)) {
+            std::filesystem::create_directory(folder + "/" + key);
+            WriteFile(folder + "/" + key + "/" + key + ".plugin",
+                      "[Plugin]\nModule=" + key + "\nName=" + key + "\n");
+        }
+    });
+}
+
+bool HasAll(PeasEngine* engine, size_t plugins) {
+    return g_list_length(const_cast<GList*>(peas_engine_get_plugin_list(engine))) == plugins;
+}
+
+void RunStart(benchmark::State& state) {
+    const auto plugins = static_cast<size_t>(state.range(0));
+    const std::string folder = DescriptionsOf(plugins);
+    WarmUp(folder);
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        PeasEngine* const engine = peas_engine_new();
+        peas_engine_add_search_path(engine, folder.c_str(), nullptr);
+        state.SetIterationTime(SecondsSince(start));
+        if (!HasAll(engine, plugins)) state.SkipWithError("not all found");
+        g_object_unref(engine);
+    }
+}
+
+void RunRescan(benchmark::State& state) {
+    const auto plugins = static_cast<size_t>(state.range(0));
+    const std::string folder = DescriptionsOf(plugins);
+    PeasEngine* const engine = peas_engine_new();
+    peas_engine_add_search_path(engine, folder.c_str(), nullptr);
+    peas_engine_rescan_plugins(engine);
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        peas_engine_rescan_plugins(engine);
+        state.SetIterationTime(SecondsSince(start));
+    }
+    if (!HasAll(engine, plugins)) state.SkipWithError("not all found");
+    g_object_unref(engine);
+}
+
+void RegisterScan(const char* row, void (*run)(benchmark::State&), int plugins) {
+    benchmark::RegisterBenchmark(RowName("libpeas", row).c_str(), run)
+        ->ArgName("plugins")
+        ->Arg(plugins)
+        ->Iterations(1)
+        ->UseManualTime();
+}
+
 }  // namespace
 
 void RegisterRows() {
@@ -55,6 +109,8 @@ void RegisterRows() {
     limits.keys = {1, 100, 10000};
     limits.threads = {1};
     CreateRows<CreateHost>::Register("libpeas", limits);
+    for (const int plugins : {1000, 10000}) RegisterScan("start/each", RunStart, plugins);
+    RegisterScan("rescan/each", RunRescan, 10000);
 }
 
 }  // namespace bench

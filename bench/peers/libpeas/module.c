@@ -12,13 +12,13 @@ typedef struct {
 
 enum { kObject = 1 };
 
-static void SetProperty(GObject* self, guint id, const GValue* value, GParamSpec* specification) {
-    (void)specification;
+static void SetProperty(GObject* self, guint id, const GValue* value, GParamSpec* parameter) {
+    (void)parameter;
     if (id == kObject) ((BenchCodec*)(void*)self)->object = g_value_get_object(value);
 }
 
-static void GetProperty(GObject* self, guint id, GValue* value, GParamSpec* specification) {
-    (void)specification;
+static void GetProperty(GObject* self, guint id, GValue* value, GParamSpec* parameter) {
+    (void)parameter;
     if (id == kObject) g_value_set_object(value, ((BenchCodec*)(void*)self)->object);
 }
 

@@ -34,14 +34,14 @@ class CreateHost {
     // Null for another number of keys than the first one of the process.
     void* Create(size_t key) {
         if (keys_.isEmpty()) return nullptr;
-        return QGenericPluginFactory::create(keys_[static_cast<qsizetype>(key)], no_specification_);
+        return QGenericPluginFactory::create(keys_[static_cast<qsizetype>(key)], no_options_);
     }
     void Destroy(size_t, void* instance) { delete static_cast<QObject*>(instance); }
 
   private:
     TempFolder folder_;
     QStringList keys_;
-    const QString no_specification_;
+    const QString no_options_;
 };
 
 class LoadHost {
