@@ -61,6 +61,27 @@ int ReadAt(int file, uint64_t offset, void* to, size_t size) {
     return 0;
 }
 
+// A file whose beginning is read once: it holds all that is looked at in most modules.
+class HeadedFile {
+  public:
+    explicit HeadedFile(int file) : file_(file) {
+        const ssize_t got = pread(file, head_, sizeof head_, 0);
+        if (got > 0) head_size_ = static_cast<size_t>(got);
+    }
+    // As the function of this name.
+    int ReadAt(uint64_t offset, void* to, size_t size) const {
+        if (offset > head_size_ || size > head_size_ - offset)
+            return tova::ReadAt(file_, offset, to, size);
+        std::memcpy(to, head_ + offset, size);
+        return 0;
+    }
+
+  private:
+    const int file_;
+    char head_[1024];
+    size_t head_size_ = 0;
+};
+
 ModuleRefusal FailedRead(int error) {
     return error == ENOEXEC ? Refuse(kCutShort) : Refuse(kUnreadable, error);
 }
@@ -108,14 +129,15 @@ ModuleRefusal ExamineModuleFile(const char* path) {
     if (!S_ISREG(status.st_mode)) return Refuse("not a regular file");
     const uint64_t file_size = static_cast<uint64_t>(status.st_size);
 
+    const HeadedFile headed(file.Get());
     Elf64_Ehdr header;
-    int error = ReadAt(file.Get(), 0, &header, sizeof header);
+    int error = headed.ReadAt(0, &header, sizeof header);
     if (error != 0) return FailedRead(error);
     ModuleRefusal refusal = CheckHeader(header, file_size);
     for (int i = 0; refusal.error == 0 && i < header.e_phnum; ++i) {
         Elf64_Phdr segment;
         const uint64_t offset = header.e_phoff + static_cast<uint64_t>(i) * sizeof segment;
-        error = ReadAt(file.Get(), offset, &segment, sizeof segment);
+        error = headed.ReadAt(offset, &segment, sizeof segment);
         refusal = error != 0 ? FailedRead(error) : CheckSegment(segment, i, file_size);
     }
     return refusal;
