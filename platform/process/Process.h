@@ -9,12 +9,27 @@
 
 namespace process {
 
-// One pointer for each thread, null until set. There is no clean-up at a thread's end:
-// whoever sets the slot resets it. Set gives false when the system has no room for it.
+// One pointer for each thread, null until set. Set gives false when the system has no room for
+// it. A thread that ends with a value hands it to ThreadSlotEnd, which whoever uses the slot
+// defines; the slot is null by then and may be set again.
 void* ThreadSlotGet();
 bool ThreadSlotSet(void* value);
-// Gives the slot back to the system, before the library's code goes away.
+void ThreadSlotEnd(void* value);
+// Gives the slot back to the system, before the library's code goes away. The threads that have a
+// value keep it to themselves: ThreadSlotEnd is not called any more.
 void ThreadSlotFree();
+
+// Lets other threads run while the caller waits for a few instructions of one of them. round is
+// the number of calls before in this wait: the first ones only give way, later ones sleep for a
+// moment, so that a thread of whatever lower priority gets to its end.
+void GiveWay(unsigned round);
+// That many calls with ascending rounds take a millisecond or more.
+constexpr unsigned kRoundsOfAMillisecond = 64;
+
+// Whether the system can run a full memory fence on all of the process's running threads, which
+// the first of the two asks and prepares. False from the second: it cannot any more.
+bool CanFenceAllThreads();
+bool FenceAllThreads();
 
 // The file that holds this code, as the system's loader was told it: absolute, links not
 // resolved. Empty when it cannot be found.

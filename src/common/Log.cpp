@@ -1,11 +1,15 @@
 #include "common/Log.h"
 
+#include <limits>
+
 #include "skrib.h"
 
 namespace {
 
 std::atomic<void*> logger_handle{nullptr};
 std::atomic<bool> logger_released{false};
+
+constexpr int32_t kNoThreshold = std::numeric_limits<int32_t>::max();
 
 bool FetchLogger() {
     if (!logger_released.load()) logger_handle.store(SKRIB_GetLogger("vessa"));
@@ -25,9 +29,11 @@ void ReleaseLogger() {
     if (void* const handle = logger_handle.exchange(nullptr)) SKRIB_ReleaseLogger(handle);
 }
 
-bool LogEnabled(int32_t level) {
-    void* const handle = GetLogger()->load();
-    return handle != nullptr && SKRIB_GetThreshold(handle) < level + 1;
+int32_t LogThreshold() {
+    // The handle that is there needs no look at whether it was fetched.
+    void* handle = logger_handle.load(std::memory_order_acquire);
+    if (handle == nullptr) handle = GetLogger()->load();
+    return handle != nullptr ? SKRIB_GetThreshold(handle) : kNoThreshold;
 }
 
 void LogPlain(int32_t level, const char* text, const char* file, const char* function,

@@ -31,14 +31,18 @@ struct LogSite {
 
 // The address of the global handle, which is fetched with the first call. The handle is null
 // when the logging library had none to give, and after ReleaseLogger: nothing is written then.
-std::atomic<void*>* GetLogger();
+VESSA_COLD std::atomic<void*>* GetLogger();
 
 // Gives the handle back, once, at the end of the process or of the library. Nothing logs
 // afterwards.
 void ReleaseLogger();
 
+// The level from which on messages are written; above every level when there is no logger.
+int32_t LogThreshold();
 // Whether the threshold lets a message of this level through.
-bool LogEnabled(int32_t level);
+inline bool LogEnabled(int32_t level) {
+    return LogThreshold() <= level;
+}
 
 // Writes text as it stands; a null text writes nothing.
 void LogPlain(int32_t level, const char* text, const char* file, const char* function,

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/Log.h"
+#include "common/TextRef.h"
 
 // A list of texts in its text form, "[a, b]".
 void AppendLogText(std::string& output, const std::vector<std::string>& list);
@@ -21,6 +22,7 @@ class LogArg {
     LogArg(bool value) : kind_(Kind::kBool), signed_(value) {}
     LogArg(const char* text) : kind_(Kind::kText), pointer_(text) {}
     LogArg(const std::string& text) : kind_(Kind::kString), pointer_(&text) {}
+    LogArg(const TextRef& text) : LogArg(text.c_str()) {}
     template <class T>
     LogArg(T* pointer) : kind_(Kind::kPointer), unsigned_(AddressOf(pointer)) {}
     template <class T, class = std::enable_if_t<std::is_class_v<T>>>
@@ -67,10 +69,16 @@ void WriteFormatted(const LogSite& site, const void* object, const char* format,
                     size_t arg_count);
 
 template <class... Args>
-void LogFormat(const LogSite& site, const void* object, const char* format, const Args&... args) {
-    if (format == nullptr || !LogEnabled(site.level)) return;
+VESSA_COLD void WriteArguments(const LogSite& site, const void* object, const char* format,
+                               const Args&... args) {
     const LogArg list[] = {LogArg(args)...};
     WriteFormatted(site, object, format, list, sizeof...(args));
+}
+
+template <class... Args>
+void LogFormat(const LogSite& site, const void* object, const char* format, const Args&... args) {
+    if (format == nullptr || !LogEnabled(site.level)) return;
+    WriteArguments(site, object, format, args...);
 }
 
 #define LOG_SITE(level)                                                \

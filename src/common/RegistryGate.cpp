@@ -2,14 +2,21 @@
 
 #include <cassert>
 
+#include "common/AsymmetricFence.h"
+#include "common/SpinWait.h"
+
 namespace {
 
 // How long a writer waits with the mutex held, and then without it.
 constexpr unsigned kSliceMs = 50;
 constexpr unsigned kGapMs = 1;
 
+// How often a thread looks whether another one has left before it goes to sleep: a few
+// microseconds, more than most reads and all writes take.
+constexpr int kLooks = 64;
+
 // Runs every task, also those behind one that is ended by the thread's cancellation.
-void RunTasks(GateTask* task) {
+VESSA_COLD void RunTasks(GateTask* task) {
     struct Rest {
         GateTask* tasks;
         ~Rest() noexcept(false) {
@@ -26,72 +33,179 @@ void RunTasks(GateTask* task) {
 
 }  // namespace
 
+bool RegistryGate::HasReaders() const {
+    return counted_.load() > 0 || ThreadPlaces::AnyOf([this](const ThreadState& state) {
+               return state.reading.load() == this;
+           });
+}
+
+int32_t RegistryGate::Readers() const {
+    int32_t readers = counted_.load();
+    ThreadPlaces::AnyOf([&](const ThreadState& state) {
+        if (state.reading.load() == this) ++readers;
+        return false;
+    });
+    return readers;
+}
+
 void RegistryGate::EnterAsWriter() NO_THREAD_SAFETY_ANALYSIS {
     assert(!ReadsHere());
-    // A thread that is cancelled while it waits holds nothing afterwards.
-    struct Unlock {
-        TOVA_Mutex* held = nullptr;
-        ~Unlock() NO_THREAD_SAFETY_ANALYSIS {
-            if (held != nullptr) held->Unlock();
-        }
-    } unlock;
+    attention_.fetch_add(kWriter);
     mutex_.Lock();
-    while (readers_.Get() > 0) {
-        unlock.held = &mutex_;
-        const int drained = drained_.TimedWait(kSliceMs);
-        unlock.held = nullptr;
-        if (drained == 0) continue;
+    if ((attention_.fetch_or(kStrict) & kStrict) == 0) AsymmetricFence::Heavy();
+    if (!SeesReadersLeave()) WaitForReaders();
+}
+
+bool RegistryGate::SeesReadersLeave() const {
+    for (int i = 0; i < kLooks; ++i) {
+        if (!HasReaders()) return true;
+        SpinWait();
+    }
+    return false;
+}
+
+void RegistryGate::WaitForReaders() NO_THREAD_SAFETY_ANALYSIS {
+    // A thread that is cancelled while it waits holds nothing afterwards.
+    struct Undo {
+        RegistryGate* gate;
+        bool is_locked = true;
+        bool is_in = false;
+        ~Undo() NO_THREAD_SAFETY_ANALYSIS {
+            gate->sleepers_.fetch_sub(1);
+            if (is_in) return;
+            gate->attention_.fetch_sub(kWriter);
+            if (is_locked) gate->mutex_.Unlock();
+        }
+    } undo{this};
+    sleepers_.fetch_add(1);
+    AsymmetricFence::Heavy();
+    while (HasReaders()) {
+        if (drained_.TimedWait(kSliceMs) == 0) continue;
+        undo.is_locked = false;
         mutex_.Unlock();
         // Waiting here, not merely unlocking, is what lets the blocked readers in.
         drained_.TimedWait(kGapMs);
         mutex_.Lock();
+        undo.is_locked = true;
     }
+    undo.is_in = true;
 }
 
-void RegistryGate::Downgrade() NO_THREAD_SAFETY_ANALYSIS {
-    readers_.Add(1);
-    mutex_.Unlock();
+GateHold::Shown RegistryGate::Downgrade(ThreadState& thread) NO_THREAD_SAFETY_ANALYSIS {
+    const GateHold::Shown shown = Show(thread);
+    ExitAsWriter();
+    return shown;
 }
 
 void RegistryGate::ExitAsWriter() NO_THREAD_SAFETY_ANALYSIS {
+    attention_.fetch_sub(kWriter);
     mutex_.Unlock();
 }
 
-void RegistryGate::EnterAsReader() {
+// Shows the thread as a reader. Without the mutex it is one when it finds itself let in.
+GateHold::Shown RegistryGate::Show(ThreadState& thread) {
+    if (thread.reading.load(std::memory_order_relaxed) != nullptr) {
+        counted_.fetch_add(1);
+        return GateHold::kCounted;
+    }
+    thread.reading.store(this, std::memory_order_release);
+    return GateHold::kInPlace;
+}
+
+// Whether a thread that shows itself has met no writer.
+bool RegistryGate::IsLetIn(ThreadState& thread) {
+    AsymmetricFence::Light();
+    const int32_t seen = attention_.load();
+    return seen == 0 || (seen == kStrict && IsLetInStrictly(thread));
+}
+
+bool RegistryGate::IsLetInStrictly(ThreadState& thread) {
+    AsymmetricFence::Full();
+    if (attention_.load() != kStrict) return false;
+    if (++thread.strict_reads >= kStrictReads) {
+        thread.strict_reads = 0;
+        int32_t quiet = kStrict;
+        attention_.compare_exchange_strong(quiet, 0);
+    }
+    return true;
+}
+
+GateHold::Shown RegistryGate::EnterAsReader(ThreadState& thread) {
+    const GateHold::Shown shown = Show(thread);
+    if (IsLetIn(thread)) return shown;
+    ExitAsReader(thread, shown);
+    return EnterBesideWriters(thread);
+}
+
+GateHold::Shown RegistryGate::EnterBesideWriters(ThreadState& thread) {
+    for (int i = 0; i < kLooks; ++i) {
+        if (Writers() != 0) {
+            SpinWait();
+            continue;
+        }
+        const GateHold::Shown shown = Show(thread);
+        if (IsLetIn(thread)) return shown;
+        ExitAsReader(thread, shown);
+    }
+    return EnterBehindMutex(thread);
+}
+
+GateHold::Shown RegistryGate::EnterBehindMutex(ThreadState& thread) {
     TOVA_MutexGuard guard(mutex_);
-    readers_.Add(1);
+    const GateHold::Shown shown = Show(thread);
     while (drained_.TimedWait(0) == 0) {
     }
+    return shown;
 }
 
-void RegistryGate::ExitAsReader() {
-    if (readers_.Add(-1) == 1) drained_.Post();
+void RegistryGate::ExitAsReader(ThreadState& thread, GateHold::Shown shown) {
+    if (shown == GateHold::kInPlace)
+        thread.reading.store(nullptr, std::memory_order_release);
+    else
+        counted_.fetch_sub(1);
+    AsymmetricFence::Light();
+    if (sleepers_.load() != 0) drained_.Post();
 }
 
-GateHold* RegistryGate::FindHold() const {
-    const ThreadState* const state = ThreadScope::Current();
+GateHold* RegistryGate::FindHold(const ThreadState* thread) const {
     GateHold* found = nullptr;
-    for (GateHold* hold = state != nullptr ? state->holds : nullptr; hold != nullptr;
+    for (GateHold* hold = thread != nullptr ? thread->holds : nullptr; hold != nullptr;
          hold = hold->outer) {
         if (hold->gate == this) found = hold;
     }
     return found;
 }
 
+bool RegistryGate::ReadsHere() const {
+    return FindHold(ThreadScope::Current()) != nullptr;
+}
+
 void RegistryGate::AfterRead(GateTask* task) {
-    GateHold* const hold = FindHold();
+    GateHold* const hold = FindHold(ThreadScope::Current());
     assert(hold != nullptr);
     task->next = nullptr;
     *hold->tail = task;
     hold->tail = &task->next;
 }
 
+void RegistryGate::Push(ThreadState& thread, GateHold& hold) {
+    hold.gate = this;
+    hold.outer = thread.holds;
+    thread.holds = &hold;
+}
+
+void RegistryGate::Read(ThreadState& thread, GateHold& hold) {
+    if (FindHold(&thread) == nullptr) hold.shown = EnterAsReader(thread);
+    Push(thread, hold);
+}
+
+void RegistryGate::EndRead(ThreadState& thread, GateHold& hold) {
+    thread.holds = hold.outer;
+    if (hold.shown != GateHold::kNested) ExitAsReader(thread, hold.shown);
+}
+
 GatePass::GatePass(RegistryGate& gate, AsReader) : gate_(gate), writing_(false) {
-    if (gate_.ReadsHere())
-        gate_.CountNestedReader();
-    else
-        gate_.EnterAsReader();
-    PushHold();
+    gate_.Read(scope_.State(), hold_);
 }
 
 GatePass::GatePass(RegistryGate& gate, AsWriter) : gate_(gate), writing_(true) {
@@ -103,19 +217,19 @@ GatePass::~GatePass() noexcept(false) {
         gate_.ExitAsWriter();
         return;
     }
-    scope_.State().holds = hold_.outer;
-    gate_.ExitAsReader();
-    RunTasks(hold_.tasks);
+    gate_.EndRead(scope_.State(), hold_);
+    if (hold_.tasks != nullptr) RunTasks(hold_.tasks);
 }
 
 void GatePass::Downgrade() {
-    gate_.Downgrade();
+    hold_.shown = gate_.Downgrade(scope_.State());
     writing_ = false;
-    PushHold();
+    gate_.Push(scope_.State(), hold_);
 }
 
-void GatePass::PushHold() {
-    hold_.gate = &gate_;
-    hold_.outer = scope_.State().holds;
-    scope_.State().holds = &hold_;
+GateRead::~GateRead() noexcept(false) {
+    gate_.EndRead(context_.thread, hold_);
+    if (hold_.tasks == nullptr) return;
+    RunTasks(hold_.tasks);
+    context_.log.Renew();
 }

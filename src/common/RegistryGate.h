@@ -1,24 +1,33 @@
-// The writer-preferring gate of the plug-in registry: a mutex, a drain semaphore and a count
-// of readers.
+// The writer-preferring gate of the plug-in registry: a count of writers, a mutex, a semaphore, and
+// the readers, each shown by the place of its thread.
 //
-//   state               reader enters          writer enters          reader exits
-//   free                reading, count 1       writing                -
-//   reading, count n    reading, count n+1     waiting, count n       count n-1; at 0: post,
-//                                                                     free
-//   waiting, count n    waits for the mutex    waits for the mutex    count n-1; at 0: post,
-//                                                                     writing
-//   writing             waits for the mutex    waits for the mutex    -
+//   state               reader enters           writer enters          reader exits
+//   free                reading                 writing                -
+//   reading             reading, one more       waiting                one less; the last: free
+//   waiting             waits until no writer   waits for the mutex    one less, posts; the last:
+//                       is left, or for the                            writing
+//                       mutex
+//   writing             the same                waits for the mutex    -
 //
-//   A writer leaves by exit (free) or by downgrade (reading, count 1).
-//   A reader that enters on a thread which reads already only raises the count, in every
-//   state: while the outer read is counted no writer is past its wait.
-//   A waiting writer gives the mutex up between slices of its wait, so that a thread for
-//   which a reader waits gets in; normally the writer is first.
+//   A writer leaves by exit (free, or to the next writer) or by downgrade (reading, one).
+//   A reader shows itself first and looks for writers second; a writer counts itself first and
+//   looks for readers second. So at least one of them sees the other, and a reader that sees a
+//   writer takes itself back: it waits a moment for the writers to leave, and after that for the
+//   mutex, which lets it in whoever waits. Most readers run no fence for that; the first writer
+//   runs one on all threads, and makes the readers that come behind it run their own, so that
+//   writers that follow each other interrupt nobody. When many of them have met no writer, that
+//   ends.
+//   A thread that reads already enters in every state: while its outer read is shown no writer is
+//   past its wait.
+//   A waiting writer gives the mutex up between slices of its wait, so that a thread for which a
+//   reader waits gets in; normally the writer is first.
 //   A writer must not enter on a thread that reads: it would wait for itself. What a reading
 //   thread wants to write it hands over with AfterRead.
 #pragma once
 
-#include "common/AtomicCounter.h"
+#include <atomic>
+
+#include "common/CallContext.h"
 #include "common/LockOrder.h"
 #include "common/Sync.h"
 #include "common/ThreadScope.h"
@@ -36,11 +45,13 @@ struct GateHold {
     GateHold* outer = nullptr;
     GateTask* tasks = nullptr;  // of the outermost hold of its gate: what runs after it
     GateTask** tail = &tasks;
+    // How others see it.
+    enum Shown { kNested, kInPlace, kCounted } shown = kNested;
 };
 
 // Thread safety: every operation on any thread.
-// Invariants: readers_ is the number of reads not yet exited; it rises only under mutex_ or on
-// a thread that is counted in it already.
+// Invariants: a thread that reads is shown by its place, or, while that shows another gate, counted
+// in counted_. It becomes so without the mutex only while there is no writer.
 class CAPABILITY("gate") RegistryGate {
   public:
     RegistryGate() = default;
@@ -48,27 +59,48 @@ class CAPABILITY("gate") RegistryGate {
     RegistryGate& operator=(const RegistryGate&) = delete;
 
     // Whether the calling thread reads.
-    bool ReadsHere() const { return FindHold() != nullptr; }
+    bool ReadsHere() const;
     // Runs the task at the end of the calling thread's outermost read; it must read. Tasks run
     // in the order in which they were handed over.
     void AfterRead(GateTask* task);
 
-    int32_t Readers() const { return readers_.Get(); }
+    // The threads that read.
+    int32_t Readers() const;
+    // Writers that are in, or wait.
+    int32_t Writers() const { return attention_.load() / kWriter; }
 
   private:
     friend class GatePass;
+    friend class GateRead;
 
+    void Read(ThreadState& thread, GateHold& hold);
+    void EndRead(ThreadState& thread, GateHold& hold);
+    void Push(ThreadState& thread, GateHold& hold);
     void EnterAsWriter();
-    void Downgrade();
+    void WaitForReaders();
+    bool HasReaders() const;
+    bool SeesReadersLeave() const;
     void ExitAsWriter();
-    void EnterAsReader();
-    void CountNestedReader() { readers_.Add(1); }
-    void ExitAsReader();
-    GateHold* FindHold() const;
+    GateHold::Shown Downgrade(ThreadState& thread);
+    GateHold::Shown EnterAsReader(ThreadState& thread);
+    VESSA_COLD GateHold::Shown EnterBehindMutex(ThreadState& thread);
+    GateHold::Shown Show(ThreadState& thread);
+    bool IsLetIn(ThreadState& thread);
+    VESSA_COLD bool IsLetInStrictly(ThreadState& thread);
+    VESSA_COLD GateHold::Shown EnterBesideWriters(ThreadState& thread);
+    void ExitAsReader(ThreadState& thread, GateHold::Shown shown);
+    GateHold* FindHold(const ThreadState* thread) const;
 
+    // What readers look at: kWriter for each writer, and kStrict while readers run their own fence.
+    static constexpr int32_t kStrict = 1;
+    static constexpr int32_t kWriter = 2;
+    static constexpr int32_t kStrictReads = 4096;
+
+    std::atomic<int32_t> attention_{0};
+    std::atomic<int32_t> sleepers_{0};  // writers that wait for a post
+    std::atomic<int32_t> counted_{0};
     TOVA_Mutex mutex_ ACQUIRED_AFTER(lock_order::registry) ACQUIRED_BEFORE(lock_order::instances);
     TOVA_Sema drained_;
-    AtomicCounter readers_;
 };
 
 // One pass through the gate, for the lifetime of the object.
@@ -89,10 +121,26 @@ class SCOPED_CAPABILITY GatePass {
     void Downgrade() RELEASE() ACQUIRE_SHARED();
 
   private:
-    void PushHold();
-
     ThreadScope scope_;
     RegistryGate& gate_;
     GateHold hold_;
     bool writing_;
+};
+
+// One read on a thread whose state is at hand, for the lifetime of the object. The context's view
+// of the log is renewed when something put off has run.
+class SCOPED_CAPABILITY GateRead {
+  public:
+    GateRead(RegistryGate& gate, const CallContext& context) ACQUIRE_SHARED(gate)
+        : gate_(gate), context_(context) {
+        gate_.Read(context_.thread, hold_);
+    }
+    ~GateRead() noexcept(false) RELEASE_GENERIC();
+    GateRead(const GateRead&) = delete;
+    GateRead& operator=(const GateRead&) = delete;
+
+  private:
+    RegistryGate& gate_;
+    const CallContext& context_;
+    GateHold hold_;
 };

@@ -3,9 +3,11 @@
 #include <atomic>
 #include <string>
 
-#include "common/AtomicCounter.h"
+#include "common/CallContext.h"
 #include "common/LockOrder.h"
+#include "common/SpreadCounter.h"
 #include "common/Sync.h"
+#include "common/TextRef.h"
 #include "vessa/tarnet.h"
 #include "vessa2/Plugin.h"
 
@@ -19,42 +21,63 @@
 // Invariants: fkey_ and file_path_ are constant. In state 3 plugin_ is set. In another state it
 // is set only while a module uses its own plug-in from its Init, and after that if the Init
 // failed and the use was under another fkey: this object then holds a reference to a module
-// that is no longer loaded. The instance counter is independent of the state.
+// that is no longer loaded. The instance counter is independent of the state. The locks are made
+// once, before state or plugin_ change for the first time.
 class DelayLoadPlugin {
   public:
     DelayLoadPlugin(const std::string& fkey, const std::string& file_path, bool delay_load);
+    ~DelayLoadPlugin() { delete locks_.load(); }
     DelayLoadPlugin(const DelayLoadPlugin&) = delete;
     DelayLoadPlugin& operator=(const DelayLoadPlugin&) = delete;
 
     // 0, or a code of vessa.h.
-    int LoadPlugin();
+    VESSA_COLD int LoadPlugin();
     int UnloadPlugin();
     // UnloadPlugin, with a warning when instances live.
     int Unload();
 
     // plugin_error receives the module's own result, 0 when it was not reached. On failure
     // instance and iface are null.
-    int CreateInstance(const std::string& fkey, void*& instance, int& plugin_error);
+    int CreateInstance(const CallContext& context, TextRef fkey, void*& instance,
+                       int& plugin_error);
+    int DestroyInstance(const CallContext& context, void* instance, int& plugin_error);
+    int QueryInterface(const CallContext& context, void* instance, TextRef ikey, void*& iface,
+                       int& plugin_error);
+    // The same for a caller without a context.
+    int CreateInstance(TextRef fkey, void*& instance, int& plugin_error);
     int DestroyInstance(void* instance, int& plugin_error);
-    int QueryInterface(void* instance, const std::string& ikey, void*& iface, int& plugin_error);
+    int QueryInterface(void* instance, TextRef ikey, void*& iface, int& plugin_error);
     int GetPluginMapFkeys(char (*fkeys)[TARNET_FKEY_SIZE], int* count);
 
     const std::string& fkey() const { return fkey_; }
     const std::string& file_path() const { return file_path_; }
     bool delay_load() const { return delay_load_.load(); }
     void set_delay_load(bool delay_load) { delay_load_.store(delay_load); }
-    int32_t instance_count() const { return instance_counter_.Get(); }
+    int32_t instance_count() const { return instance_counter_.Value(); }
+    bool HasInstances() const { return !instance_counter_.IsZero(); }
+    // Whether there was ever an instance.
+    bool HadInstances() const { return instance_counter_.WasUsed(); }
 
     enum State : int32_t { kConflict = 1, kNotLoaded = 2, kLoaded = 3 };
     int32_t state() const { return state_.load(); }
 
   private:
+    // Made with the first load: most plug-ins that a list declares are never asked for.
+    struct Locks {
+        // Held across loads and unloads by threads that are outside of modules.
+        TOVA_Mutex loading ACQUIRED_AFTER(lock_order::record) ACQUIRED_BEFORE(lock_order::loader);
+        // Guards the change of plugin_ and state_ together; a leaf.
+        TOVA_Mutex state ACQUIRED_AFTER(lock_order::leaf);
+    };
+
     bool IsLoaded() const { return state_.load() == kLoaded; }
-    int LoadFromLoader();
-    int KeepLoaded(Plugin* plugin);
-    int FailLoad(int code);
-    int UnloadToLoader();
-    Plugin* RequirePlugin() const;
+    int LoadFromLoader(Locks& locks);
+    int KeepLoaded(Locks& locks, Plugin* plugin);
+    int FailLoad(Locks& locks, int code);
+    int UnloadToLoader(Locks& locks);
+    Plugin* RequirePlugin(LogView& log) const;
+    Plugin* LoadedPlugin(const CallContext& context, int& code);
+    Locks* MakeLocks();
 
     const std::string fkey_;
     const std::string file_path_;
@@ -62,9 +85,6 @@ class DelayLoadPlugin {
     std::atomic<Plugin*> plugin_{nullptr};
     std::atomic<int32_t> state_{kNotLoaded};
     std::atomic<bool> is_nested_{false};  // plugin_ comes from a load inside the module's Init
-    // Held across loads and unloads by threads that are outside of modules.
-    TOVA_Mutex mutex_ ACQUIRED_AFTER(lock_order::record) ACQUIRED_BEFORE(lock_order::loader);
-    // Guards the change of plugin_ and state_ together; a leaf.
-    TOVA_Mutex state_mutex_ ACQUIRED_AFTER(lock_order::leaf);
-    AtomicCounter instance_counter_;
+    SpreadCounter instance_counter_;
+    std::atomic<Locks*> locks_{nullptr};
 };

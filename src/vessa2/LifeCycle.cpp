@@ -3,6 +3,7 @@
 #include <atomic>
 #include <new>
 
+#include "common/AsymmetricFence.h"
 #include "common/Contain.h"
 #include "common/MessageFormat.h"
 #include "common/ThreadScope.h"
@@ -35,6 +36,7 @@ void DestroyIfQuiet() {
 
 struct LibraryLife {
     LibraryLife() {
+        AsymmetricFence::Prepare();
         Contain([] { the_life_cycle.store(new (storage) LifeCycle); });
     }
     ~LibraryLife() {
@@ -45,6 +47,7 @@ struct LibraryLife {
         Contain([] { DestroyIfQuiet(); });
         ReleaseLogger();
         process::ThreadSlotFree();
+        ThreadPlaces::Forget();
     }
 } const library_life;
 

@@ -2,6 +2,7 @@
 // and an exception ends with it. The cancellation of a thread passes through.
 #pragma once
 
+#include "common/CallContext.h"
 #include "common/Contain.h"
 #include "common/ThreadScope.h"
 
@@ -10,6 +11,25 @@ template <class Result, class Call>
 Result CallModule(Result fallback, Call&& call) {
     try {
         PluginCallScope scope;
+        return call();  // calls out
+    } catch (...) {
+        LetForcedUnwindingPass();
+        return fallback;
+    }
+}
+
+// The same on a thread whose state is at hand; the log is looked at afresh after the call.
+template <class Result, class Call>
+Result CallModule(const CallContext& context, Result fallback, Call&& call) {
+    struct Counted {
+        const CallContext& context;
+        ~Counted() {
+            --context.thread.plugin_calls;
+            context.log.Renew();
+        }
+    } const counted{context};
+    ++context.thread.plugin_calls;
+    try {
         return call();  // calls out
     } catch (...) {
         LetForcedUnwindingPass();

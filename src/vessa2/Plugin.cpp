@@ -385,43 +385,55 @@ void Plugin::ClearOperations() {
     operation_record_ = {};
 }
 
-tarnet_export_interface_t2 Plugin::Operations() const {
+// One operation of the module; null without it, or without a module.
+template <class Slot>
+Slot Plugin::Operation(Slot tarnet_export_interface_t2::*slot) const {
     const tarnet_export_interface_t2* const operations = operations_.load();
-    return operations != nullptr ? *operations : tarnet_export_interface_t2{};
+    return operations != nullptr ? operations->*slot : nullptr;
 }
 
-int Plugin::CreateInstance(const std::string& fkey, void*& instance) {
-    const tarnet_export_interface_t2 ops = Operations();
-    if (ops.CreateInstance_V2 != nullptr)
-        return CallModule(kThrown, [&] { return ops.CreateInstance_V2(fkey.c_str(), &instance); });
-    if (ops.CreateInstance != nullptr)
-        return CallModule(kThrown, [&] { return ops.CreateInstance(&instance); });
-    LOG_PLAIN(kError, "plugin ops CreateInstance should not be NULL");
+int Plugin::CreateInstance(const CallContext& context, TextRef fkey, void*& instance) {
+    if (const auto create = Operation(&tarnet_export_interface_t2::CreateInstance_V2))
+        return CallModule(context, kThrown, [&] { return create(fkey.c_str(), &instance); });
+    if (const auto create = Operation(&tarnet_export_interface_t2::CreateInstance))
+        return CallModule(context, kThrown, [&] { return create(&instance); });
+    LOG_PLAIN_IN(context.log, kError, "plugin ops CreateInstance should not be NULL");
     instance = nullptr;
     return VESSA_FAILED;
 }
 
-int Plugin::DestroyInstance(void* instance) {
-    const tarnet_export_interface_t2 ops = Operations();
-    if (ops.DestroyInstance != nullptr)
-        return CallModule(kThrown, [&] { return ops.DestroyInstance(instance); });
-    LOG_PLAIN(kError, "plugin ops DestroyInstance should not be NULL");
+int Plugin::DestroyInstance(const CallContext& context, void* instance) {
+    if (const auto destroy = Operation(&tarnet_export_interface_t2::DestroyInstance))
+        return CallModule(context, kThrown, [&] { return destroy(instance); });
+    LOG_PLAIN_IN(context.log, kError, "plugin ops DestroyInstance should not be NULL");
     return VESSA_FAILED;
 }
 
-int Plugin::QueryInterface(void* instance, const std::string& ikey, void*& iface) {
-    const tarnet_export_interface_t2 ops = Operations();
-    if (ops.QueryInterface != nullptr)
-        return CallModule(kThrown,
-                          [&] { return ops.QueryInterface(instance, ikey.c_str(), &iface); });
-    LOG_PLAIN(kError, "plugin ops QueryInterface should not be NULL");
+int Plugin::QueryInterface(const CallContext& context, void* instance, TextRef ikey, void*& iface) {
+    if (const auto query = Operation(&tarnet_export_interface_t2::QueryInterface))
+        return CallModule(context, kThrown, [&] { return query(instance, ikey.c_str(), &iface); });
+    LOG_PLAIN_IN(context.log, kError, "plugin ops QueryInterface should not be NULL");
     return VESSA_FAILED;
+}
+
+int Plugin::CreateInstance(TextRef fkey, void*& instance) {
+    return OwnContext().Run(
+        [&](const CallContext& context) { return CreateInstance(context, fkey, instance); });
+}
+
+int Plugin::DestroyInstance(void* instance) {
+    return OwnContext().Run(
+        [&](const CallContext& context) { return DestroyInstance(context, instance); });
+}
+
+int Plugin::QueryInterface(void* instance, TextRef ikey, void*& iface) {
+    return OwnContext().Run(
+        [&](const CallContext& context) { return QueryInterface(context, instance, ikey, iface); });
 }
 
 int Plugin::GetPluginMapFkeys(char (*fkeys)[TARNET_FKEY_SIZE], int* count) {
-    const tarnet_export_interface_t2 ops = Operations();
-    if (ops.GetPluginMapFkeys != nullptr)
-        return CallModule(kThrown, [&] { return ops.GetPluginMapFkeys(fkeys, count); });
+    if (const auto map = Operation(&tarnet_export_interface_t2::GetPluginMapFkeys))
+        return CallModule(kThrown, [&] { return map(fkeys, count); });
     LOG_PLAIN(kError, "plugin ops GetPluginMapFkeys should not be NULL");
     return VESSA_OK;
 }

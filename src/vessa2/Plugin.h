@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "common/AtomicCounter.h"
+#include "common/CallContext.h"
 #include "common/LockOrder.h"
 #include "common/Sync.h"
 #include "vessa/tarnet.h"
@@ -47,9 +48,13 @@ class Plugin {
     int UnloadPlugin();
 
     // 0, -1 for a missing operation, or the module's own result; -1 for one that throws.
-    int CreateInstance(const std::string& fkey, void*& instance);
+    int CreateInstance(const CallContext& context, TextRef fkey, void*& instance);
+    int DestroyInstance(const CallContext& context, void* instance);
+    int QueryInterface(const CallContext& context, void* instance, TextRef ikey, void*& iface);
+    // The same for a caller without a context.
+    int CreateInstance(TextRef fkey, void*& instance);
     int DestroyInstance(void* instance);
-    int QueryInterface(void* instance, const std::string& ikey, void*& iface);
+    int QueryInterface(void* instance, TextRef ikey, void*& iface);
     // A module without the operation has no further fkeys: 0, and *count is left alone.
     int GetPluginMapFkeys(char (*fkeys)[TARNET_FKEY_SIZE], int* count);
 
@@ -75,7 +80,8 @@ class Plugin {
     void SayLoadFailed(int code) const;
     int UnloadLast() REQUIRES(mutex_);
     void ClearOperations() REQUIRES(mutex_);
-    tarnet_export_interface_t2 Operations() const;
+    template <class Slot>
+    Slot Operation(Slot tarnet_export_interface_t2::*slot) const;
 
     std::string filename_;
     std::string folder_path_;

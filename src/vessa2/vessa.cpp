@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "common/CallContext.h"
 #include "common/Contain.h"
 #include "common/MessageFormat.h"
 #include "common/ThreadScope.h"
@@ -29,7 +30,7 @@ void StoreIfGiven(T* out, T value) {
     if (out != nullptr) *out = value;
 }
 
-int RefuseArgument(const char* text, const char* function, int line) {
+VESSA_COLD int RefuseArgument(const char* text, const char* function, int line) {
     LogPlain(kError, text, __FILE__, function, line);
     return VESSA_ERR_ARGUMENT;
 }
@@ -63,10 +64,11 @@ void VESSA_Uninit(void) {
     }
 }
 
-int VESSA_CreateInstance(const char* fkey, void** instance, int* plugin_error) {
+VESSA_FLATTEN int VESSA_CreateInstance(const char* fkey, void** instance, int* plugin_error) {
     try {
-        LOG_FORMAT(
-            kDebug,
+        LogView log;
+        LOG_FORMAT_IN(
+            log, kDebug,
             "invoke create plugin instance, param fkey = {0}, instance {1}, plugin_error {2}", fkey,
             instance, plugin_error);
         StoreIfGiven<void*>(instance, nullptr);
@@ -76,18 +78,21 @@ int VESSA_CreateInstance(const char* fkey, void** instance, int* plugin_error) {
         LifeCycle* const life_cycle = LifeCycle::Get();
         if (life_cycle == nullptr) return VESSA_ERR_NOT_REGISTERED;
         ThreadScope scope;
+        const CallContext context{scope.State(), log};
         void* created = nullptr;
         int error = 0;
-        const int result = life_cycle->provider().CreateInstance(fkey, created, error);
+        const int result = life_cycle->provider().CreateInstance(context, fkey, created, error);
         if (result == VESSA_OK)
-            LOG_FORMAT(kDebug,
-                       "plugin provider create plugin instance succeeded, fkey {0}, instance {1}",
-                       fkey, created);
+            LOG_FORMAT_IN(
+                log, kDebug,
+                "plugin provider create plugin instance succeeded, fkey {0}, instance {1}", fkey,
+                created);
         else
-            LOG_FORMAT(kError,
-                       "plugin provider create plugin instance failed {0}/{0:X}, fkey {1}, plugin "
-                       "error {2}/{2:X}",
-                       result, fkey, error);
+            LOG_FORMAT_IN(
+                log, kError,
+                "plugin provider create plugin instance failed {0}/{0:X}, fkey {1}, plugin "
+                "error {2}/{2:X}",
+                result, fkey, error);
         *instance = created;
         StoreIfGiven(plugin_error, error);
         return result;
@@ -95,39 +100,44 @@ int VESSA_CreateInstance(const char* fkey, void** instance, int* plugin_error) {
     VESSA_RESULTS_OF_EXCEPTIONS
 }
 
-int VESSA_DestroyInstance(void* instance, int* plugin_error) {
+VESSA_FLATTEN int VESSA_DestroyInstance(void* instance, int* plugin_error) {
     try {
-        LOG_FORMAT(kDebug, "invoke destroy plugin instance, param instance = {0}, plugin_error {1}",
-                   instance, plugin_error);
+        LogView log;
+        LOG_FORMAT_IN(log, kDebug,
+                      "invoke destroy plugin instance, param instance = {0}, plugin_error {1}",
+                      instance, plugin_error);
         StoreIfGiven(plugin_error, 0);
         if (instance == nullptr)
             return REFUSE_ARGUMENT("param instance should not be invalid handle");
         LifeCycle* const life_cycle = LifeCycle::Get();
         if (life_cycle == nullptr) return VESSA_ERR_ARGUMENT;
         ThreadScope scope;
+        const CallContext context{scope.State(), log};
         int error = 0;
-        const int result = life_cycle->provider().DestroyInstance(instance, error);
+        const int result = life_cycle->provider().DestroyInstance(context, instance, error);
         if (result == VESSA_OK)
-            LOG_FORMAT(kDebug, "plugin provider destroy plugin instance succeeded, instance {0}",
-                       instance);
+            LOG_FORMAT_IN(log, kDebug,
+                          "plugin provider destroy plugin instance succeeded, instance {0}",
+                          instance);
         else
-            LOG_FORMAT(kError,
-                       "plugin provider destroy plugin instance failed {0}/{0:X}, plugin error "
-                       "{1}/{1:X}, instance {2}",
-                       result, error, instance);
+            LOG_FORMAT_IN(log, kError,
+                          "plugin provider destroy plugin instance failed {0}/{0:X}, plugin error "
+                          "{1}/{1:X}, instance {2}",
+                          result, error, instance);
         StoreIfGiven(plugin_error, error);
         return result;
     }
     VESSA_RESULTS_OF_EXCEPTIONS
 }
 
-int VESSA_QueryInterface(void* instance, const char* ikey, void** plugin_interface,
-                         int* plugin_error) {
+VESSA_FLATTEN int VESSA_QueryInterface(void* instance, const char* ikey, void** plugin_interface,
+                                       int* plugin_error) {
     try {
-        LOG_FORMAT(kDebug,
-                   "invoke query plugin interface, param instance = {0}, ikey = {1}, "
-                   "plugin_interface = {2}, plugin_error = {3}",
-                   instance, ikey, plugin_interface, plugin_error);
+        LogView log;
+        LOG_FORMAT_IN(log, kDebug,
+                      "invoke query plugin interface, param instance = {0}, ikey = {1}, "
+                      "plugin_interface = {2}, plugin_error = {3}",
+                      instance, ikey, plugin_interface, plugin_error);
         StoreIfGiven<void*>(plugin_interface, nullptr);
         StoreIfGiven(plugin_error, 0);
         if (instance == nullptr)
@@ -138,19 +148,22 @@ int VESSA_QueryInterface(void* instance, const char* ikey, void** plugin_interfa
         LifeCycle* const life_cycle = LifeCycle::Get();
         if (life_cycle == nullptr) return VESSA_ERR_ARGUMENT;
         ThreadScope scope;
+        const CallContext context{scope.State(), log};
         void* found = nullptr;
         int error = 0;
-        const int result = life_cycle->provider().QueryInterface(instance, ikey, found, error);
+        const int result =
+            life_cycle->provider().QueryInterface(context, instance, ikey, found, error);
         if (result == VESSA_OK)
-            LOG_FORMAT(kDebug,
-                       "plugin provider query plugin interface succeeded, instance {0}, ikey {1}, "
-                       "interface {2}",
-                       instance, ikey, found);
+            LOG_FORMAT_IN(
+                log, kDebug,
+                "plugin provider query plugin interface succeeded, instance {0}, ikey {1}, "
+                "interface {2}",
+                instance, ikey, found);
         else
-            LOG_FORMAT(kError,
-                       "plugin provider query plugin interface failed {0}/{0:X}, plugin error "
-                       "{1}/{1:X}, instance {2}, ikey {3}",
-                       result, error, instance, ikey);
+            LOG_FORMAT_IN(log, kError,
+                          "plugin provider query plugin interface failed {0}/{0:X}, plugin error "
+                          "{1}/{1:X}, instance {2}, ikey {3}",
+                          result, error, instance, ikey);
         *plugin_interface = found;
         StoreIfGiven(plugin_error, error);
         return result;

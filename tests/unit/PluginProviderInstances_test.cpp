@@ -114,7 +114,7 @@ TEST_F(PluginProviderInstances, TakesASuccessWithoutInstanceAndCountsItAsLive) {
     EXPECT_EQ(provider.CreateInstance("k", instance, error), VESSA_OK);
     EXPECT_EQ(instance, nullptr);
     EXPECT_EQ(log.Lines().back(), "4 unexpected, plugin return invalid instance, fkey k" + File());
-    EXPECT_TRUE(PluginProviderAccess::Instances(provider).empty());
+    EXPECT_EQ(PluginProviderAccess::Instances(provider).Size(), 0u);
     EXPECT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
     EXPECT_EQ(PluginProviderAccess::Collection(provider).count("k"), 1u);
     Abandon();
@@ -155,9 +155,11 @@ TEST_F(PluginProviderInstances, ReportsAFailingQuery) {
 TEST_F(PluginProviderInstances, ToleratesEntriesWithoutRecord) {
     Declare("k", "same_instance");
     ASSERT_EQ(provider.CreateInstance("k", instance, error), VESSA_OK);
-    auto& instances = PluginProviderAccess::Instances(provider);
-    const auto record = instances.at(instance);
-    instances[instance] = {};
+    InstanceTable& instances = PluginProviderAccess::Instances(provider);
+    InstanceTable::Record record = nullptr;
+    ASSERT_EQ(instances.Take(instance, false, [&](InstanceTable::Record its) { record = its; }),
+              InstanceTable::kTaken);
+    ASSERT_TRUE(instances.Insert(instance, nullptr));
     LogCapture log;
     void* same = nullptr;
     EXPECT_EQ(provider.CreateInstance("k", same, error), VESSA_ERR_INSTANCE_CONFLICT);
@@ -173,8 +175,8 @@ TEST_F(PluginProviderInstances, ToleratesEntriesWithoutRecord) {
                         "2 param instance = {*i}",
                         "4 unexpected, plugin instance collection contains invalid plugin ptr, the "
                         "instance is erase, and ignored, instance {*i}"}));
-    EXPECT_TRUE(instances.empty());
-    instances[instance] = record;
+    EXPECT_EQ(instances.Size(), 0u);
+    ASSERT_TRUE(instances.Insert(instance, record));
     EXPECT_EQ(provider.DestroyInstance(instance, error), VESSA_OK);
     EXPECT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
 }
@@ -256,7 +258,7 @@ TEST_F(PluginProviderInstances, LetsTheModuleCallBackFromTheDestroyOfAConflict) 
     EXPECT_EQ(provider.CreateInstance("k", same, error), VESSA_ERR_INSTANCE_CONFLICT);
     EXPECT_EQ(same, instance);
     EXPECT_EQ(hook.Count("same_instance", "DestroyInstance"), 2);
-    EXPECT_TRUE(PluginProviderAccess::Instances(provider).empty());
+    EXPECT_EQ(PluginProviderAccess::Instances(provider).Size(), 0u);
     EXPECT_EQ(provider.UnregisterPlugin("helper"), VESSA_OK);
     EXPECT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
 }

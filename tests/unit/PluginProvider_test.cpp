@@ -125,8 +125,8 @@ TEST_F(PluginProviderTest, AcceptsTheSameRegistrationAgainAndTakesItsDelay) {
     ASSERT_EQ(provider.RegisterPlugin("a", path, false), VESSA_OK);
     EXPECT_TRUE(
         log.Is(Registering("a", path, false) + RecordLoad(path) + Registered("a", path, false)));
-    const PluginProvider::PluginDataPtr record = Record("a");
-    ASSERT_FALSE(record.IsNull());
+    PluginRecord* const record = Record("a");
+    ASSERT_NE(record, nullptr);
     EXPECT_FALSE(record->delay_load());
     log.Clear();
     ASSERT_EQ(provider.RegisterPlugin("a", path, false), VESSA_OK);
@@ -213,7 +213,7 @@ TEST_F(PluginProviderTest, KeepsARecordThatIsRegisteredAgainWithItsInstances) {
     Declare("k", path);
     ASSERT_EQ(provider.CreateInstance("k", instance, error), VESSA_OK);
     ASSERT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
-    const PluginProvider::PluginData* const record = Record("k").Get();
+    const PluginRecord* const record = Record("k");
     LogCapture log;
     ASSERT_EQ(provider.RegisterPlugin("k", path, true), VESSA_OK);
     EXPECT_TRUE(log.Is(Registering("k", path, true) +
@@ -221,7 +221,7 @@ TEST_F(PluginProviderTest, KeepsARecordThatIsRegisteredAgainWithItsInstances) {
                              "again, plugin fkey k, file path " +
                              path} +
                        Registered("k", path, true)));
-    EXPECT_EQ(Record("k").Get(), record);
+    EXPECT_EQ(Record("k"), record);
     EXPECT_FALSE(record->IsUnregistered());
     EXPECT_EQ(provider.DestroyInstance(instance, error), VESSA_OK);
     EXPECT_EQ(PluginProviderAccess::Collection(provider).count("k"), 1u);

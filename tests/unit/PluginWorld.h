@@ -35,30 +35,26 @@ struct PluginLoaderAccess {
 };
 
 struct PluginProviderAccess {
-    using PluginDataPtr = PluginProvider::PluginDataPtr;
-
-    static std::map<std::string, PluginDataPtr>& Collection(PluginProvider& provider)
+    static std::map<std::string, PluginRecord*> Collection(PluginProvider& provider)
         NO_THREAD_SAFETY_ANALYSIS {
-        return provider.collection_;
+        std::map<std::string, PluginRecord*> all;
+        provider.plugins_.by_key_.ForEach(
+            [&](PluginRecord& record) { all.emplace(record.fkey(), &record); });
+        for (const std::string& fkey : provider.plugins_.without_record_)
+            all.emplace(fkey, nullptr);
+        return all;
     }
-    static std::map<void*, PluginDataPtr>& Instances(PluginProvider& provider)
-        NO_THREAD_SAFETY_ANALYSIS {
-        return provider.instances_;
-    }
+    static InstanceTable& Instances(PluginProvider& provider) { return provider.instances_; }
     static int32_t Readers(PluginProvider& provider) { return provider.gate_.Readers(); }
     static size_t IndexedNames(PluginProvider& provider) NO_THREAD_SAFETY_ANALYSIS {
-        return provider.by_filename_.size();
+        return provider.plugins_.FileNames();
     }
     static void Clear(PluginProvider& provider) NO_THREAD_SAFETY_ANALYSIS {
-        provider.collection_.clear();
-        provider.by_filename_.clear();
-        provider.invalid_.clear();
-        provider.instances_.clear();
+        provider.plugins_.Clear();
     }
     static void AddWithoutRecord(PluginProvider& provider,
                                  const std::string& fkey) NO_THREAD_SAFETY_ANALYSIS {
-        provider.collection_[fkey];
-        provider.invalid_.insert(fkey);
+        provider.plugins_.AddWithoutRecord(fkey);
     }
 };
 
@@ -167,13 +163,13 @@ class ProviderTest : public PluginTest {
     void TearDown() override {
         EXPECT_EQ(PluginProviderAccess::Readers(provider), 0);
         EXPECT_TRUE(PluginProviderAccess::Collection(provider).empty());
-        EXPECT_TRUE(PluginProviderAccess::Instances(provider).empty());
+        EXPECT_EQ(PluginProviderAccess::Instances(provider).Size(), 0u);
         EXPECT_EQ(PluginProviderAccess::IndexedNames(provider), 0u);
         owned_.reset();
         PluginTest::TearDown();
     }
 
-    PluginProvider::PluginDataPtr Record(const std::string& fkey) {
+    PluginRecord* Record(const std::string& fkey) {
         return PluginProviderAccess::Collection(provider).at(fkey);
     }
     int32_t References(const std::string& name) {

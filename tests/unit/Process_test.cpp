@@ -24,6 +24,8 @@ TEST(ThreadSlot, IsNullUntilItIsSetAndBelongsToOneThread) {
         EXPECT_EQ(process::ThreadSlotGet(), nullptr);
         EXPECT_TRUE(process::ThreadSlotSet(&others));
         EXPECT_EQ(process::ThreadSlotGet(), &others);
+        // At the thread's end it would be taken for a thread's place.
+        EXPECT_TRUE(process::ThreadSlotSet(nullptr));
     }).join();
     EXPECT_EQ(process::ThreadSlotGet(), &mine);
     EXPECT_TRUE(process::ThreadSlotSet(nullptr));

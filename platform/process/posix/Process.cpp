@@ -2,12 +2,17 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/membarrier.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <ctime>
 
 namespace process {
 namespace {
@@ -26,16 +31,27 @@ __attribute__((destructor)) void NoteFinalisation() {
     being_unloaded = !process_is_ending;
 }
 
-struct ThreadKey {
-    pthread_key_t key = 0;
-    bool valid = false;
-    ThreadKey() { valid = pthread_key_create(&key, nullptr) == 0; }
-};
+// The key of the slot, or why there is none: not asked for yet, refused, or given back.
+constexpr int64_t kNoKeyYet = -1;
+constexpr int64_t kNoKey = -2;
+std::atomic<int64_t> thread_key{kNoKeyYet};
 
-ThreadKey& Key() {
-    static ThreadKey key;
+int64_t MakeKey() {
     static const EndOfProcess end;
-    return key;
+    static const int64_t made = [] {
+        pthread_key_t key = 0;
+        const int64_t value = pthread_key_create(&key, &ThreadSlotEnd) == 0 ? int64_t{key} : kNoKey;
+        thread_key.store(value);
+        return value;
+    }();
+    static_cast<void>(made);
+    return thread_key.load();
+}
+
+// Below 0: there is none.
+int64_t Key() {
+    const int64_t key = thread_key.load(std::memory_order_relaxed);
+    return key != kNoKeyYet ? key : MakeKey();
 }
 
 // The working folder at load time: the loader reports a relative name as it was given, and
@@ -54,19 +70,40 @@ const void* OwnAddress() {
 }  // namespace
 
 void* ThreadSlotGet() {
-    const ThreadKey& key = Key();
-    return key.valid ? pthread_getspecific(key.key) : nullptr;
+    const int64_t key = Key();
+    return key >= 0 ? pthread_getspecific(static_cast<pthread_key_t>(key)) : nullptr;
 }
 
 bool ThreadSlotSet(void* value) {
-    const ThreadKey& key = Key();
-    return key.valid && pthread_setspecific(key.key, value) == 0;
+    const int64_t key = Key();
+    return key >= 0 && pthread_setspecific(static_cast<pthread_key_t>(key), value) == 0;
 }
 
 void ThreadSlotFree() {
-    ThreadKey& key = Key();
-    if (key.valid) pthread_key_delete(key.key);
-    key.valid = false;
+    const int64_t key = thread_key.exchange(kNoKey);
+    if (key >= 0) pthread_key_delete(static_cast<pthread_key_t>(key));
+}
+
+void GiveWay(unsigned round) {
+    constexpr unsigned kYields = 32;
+    if (round < kYields) {
+        sched_yield();
+        return;
+    }
+    constexpr long kPauseNs = 50000;
+    const timespec pause{0, kPauseNs};
+    nanosleep(&pause, nullptr);
+}
+
+bool CanFenceAllThreads() {
+    return syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0) == 0;
+}
+
+bool FenceAllThreads() {
+    if (syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0) == 0) return true;
+    // A child of a fork may have to ask for itself.
+    return CanFenceAllThreads() &&
+           syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0) == 0;
 }
 
 std::string ModuleFile() {

@@ -1,0 +1,90 @@
+#include "vessa2/PluginRecord.h"
+
+#include "common/AsymmetricFence.h"
+#include "vessa2/PluginProvider.h"
+
+namespace {
+
+bool EndsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+bool IsLookedAt(const PluginRecord& record) {
+    // Guards first: who is about to give one up has its pin by then.
+    return ThreadPlaces::AnyOf(
+               [&](const ThreadState& state) { return state.guarded.load() == &record; }) ||
+           record.IsPinned();
+}
+
+}  // namespace
+
+PluginRecord::PluginRecord(const std::string& fkey, const std::string& file_path,
+                           const std::string& filename, bool delay_load)
+    : DelayLoadPlugin(fkey, file_path, delay_load),
+      own_filename_(EndsWith(file_path, filename) ? std::string() : filename),
+      filename_(own_filename_.empty()
+                    ? std::string_view(this->file_path()).substr(file_path.size() - filename.size())
+                    : std::string_view(own_filename_)) {
+    put_off_.run = &RunPutOff;
+}
+
+void PluginRecord::PutOffUnload(PluginProvider& provider, RegistryGate& gate) {
+    if (is_put_off_.exchange(true)) return;
+    put_off_.provider = &provider;
+    put_off_.record = this;
+    Pin();
+    gate.AfterRead(&put_off_);
+}
+
+void PluginRecord::RunPutOff(GateTask* task) {
+    struct Done {
+        PluginRecord& record;
+        PluginProvider& provider;
+        ~Done() {
+            record.Unpin();
+            provider.graveyard_.Sweep();
+        }
+    } const done{*static_cast<PutOff*>(task)->record, *static_cast<PutOff*>(task)->provider};
+    // Free for the next one before the conditions are tested again: whoever puts it off from
+    // now on has seen what this thread will not look at any more.
+    done.record.is_put_off_.store(false);
+    done.provider.UnloadPutOff(done.record);
+}
+
+PluginGraveyard::~PluginGraveyard() {
+    for (PluginRecord* record = buried_.load(); record != nullptr;) {
+        PluginRecord* const next = record->next_;
+        delete record;
+        record = next;
+    }
+}
+
+void PluginGraveyard::Push(PluginRecord* record) {
+    PluginRecord* head = buried_.load();
+    do {
+        record->next_ = head;
+    } while (!buried_.compare_exchange_weak(head, record));
+}
+
+void PluginGraveyard::Bury(PluginRecord* record) {
+    // Only an instance leads to a record from outside the gate.
+    if (!record->HadInstances()) {
+        delete record;
+        return;
+    }
+    AsymmetricFence::Heavy();
+    Push(record);
+    SweepAll();
+}
+
+void PluginGraveyard::SweepAll() {
+    for (PluginRecord* record = buried_.exchange(nullptr); record != nullptr;) {
+        PluginRecord* const next = record->next_;
+        if (IsLookedAt(*record))
+            Push(record);
+        else
+            delete record;
+        record = next;
+    }
+}
