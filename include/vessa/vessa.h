@@ -11,7 +11,9 @@
  * Laws that hold for every function below
  *
  *  1. Threads. [any] every function may be called on any thread, at any time between the
- *     load and the unload of the library, several at once.
+ *     load and the unload of the library, several at once. Every thread that has called one,
+ *     but for the one that unloads the library, has ended before the library is unloaded, or
+ *     lives on and calls none again.
  *  2. Plug-in calls. [plug-in] a plug-in module may call every function from inside every
  *     operation of its table. It must not call any of them from its constructors and
  *     destructors of global objects: those run under the system loader's lock. So does DllMain
@@ -58,35 +60,35 @@ extern "C" {
  * docs/results.md and the tests are made from this list. 0x80000000 | n is the 32-bit form
  * of the numbers from VESSA_ERR_ARGUMENT on; the log shows them sign-extended to 64 bits.
  */
-#define VESSA_RESULT_LIST(X)                                                                     \
-    X(VESSA_OK, 0, "success")                                                                    \
-    X(VESSA_FAILED, -1,                                                                          \
-      "could not start; fkey or attribute not configured; an operation of the module is "        \
-      "missing or failed, its own number is in plugin_error")                                    \
-    X(VESSA_ERR_ARGUMENT, -2147483647, "bad argument or unknown instance")                       \
-    X(VESSA_ERR_NO_MODULE_FILE, -2147483646, "the module file does not exist")                   \
-    X(VESSA_ERR_NOT_REGISTERED, -2147483645,                                                     \
-      "fkey not registered, or unregistered and waiting for its last instance to go")            \
-    X(VESSA_ERR_NO_INTERFACE, -2147483643,                                                       \
-      "the module has no entry function, its entry returned null, or a mandatory operation is "  \
-      "missing")                                                                                 \
-    X(VESSA_ERR_MODULE_LOAD, -2147483642, "the system could not load the module")                \
-    X(VESSA_ERR_MODULE_UNLOAD, -2147483641, "the system could not unload the module")            \
-    X(VESSA_ERR_OUT_OF_MEMORY, -2147483640, "out of memory")                                     \
-    X(VESSA_ERR_BUFFER_TOO_SMALL, -2147483638, "the value buffer is too small")                  \
-    X(VESSA_ERR_MODULE_INIT, -2147483637, "the module's Init failed")                            \
-    X(VESSA_ERR_MODULE_UNINIT, -2147483636, "the module's Uninit failed")                        \
-    X(VESSA_ERR_PLUGIN_CONFLICT, -2147483635,                                                    \
-      "plug-in conflict: the same fkey with another file, or the same file name from another "   \
-      "folder")                                                                                  \
-    X(VESSA_ERR_INSTANCE_CONFLICT, -2147483634,                                                  \
-      "instance conflict: the module returned an instance pointer that is already live")
+#define VESSA_RESULT_LIST(X)                                                                  \
+  X(VESSA_OK, 0, "success")                                                                   \
+  X(VESSA_FAILED, -1,                                                                         \
+    "could not start; fkey or attribute not configured; an operation of the module is "       \
+    "missing or failed, its own number is in plugin_error")                                   \
+  X(VESSA_ERR_ARGUMENT, -2147483647, "bad argument or unknown instance")                      \
+  X(VESSA_ERR_NO_MODULE_FILE, -2147483646, "the module file does not exist")                  \
+  X(VESSA_ERR_NOT_REGISTERED, -2147483645,                                                    \
+    "fkey not registered, or unregistered and waiting for its last instance to go")           \
+  X(VESSA_ERR_NO_INTERFACE, -2147483643,                                                      \
+    "the module has no entry function, its entry returned null, or a mandatory operation is " \
+    "missing")                                                                                \
+  X(VESSA_ERR_MODULE_LOAD, -2147483642, "the system could not load the module")               \
+  X(VESSA_ERR_MODULE_UNLOAD, -2147483641, "the system could not unload the module")           \
+  X(VESSA_ERR_OUT_OF_MEMORY, -2147483640, "out of memory")                                    \
+  X(VESSA_ERR_BUFFER_TOO_SMALL, -2147483638, "the value buffer is too small")                 \
+  X(VESSA_ERR_MODULE_INIT, -2147483637, "the module's Init failed")                           \
+  X(VESSA_ERR_MODULE_UNINIT, -2147483636, "the module's Uninit failed")                       \
+  X(VESSA_ERR_PLUGIN_CONFLICT, -2147483635,                                                   \
+    "plug-in conflict: the same fkey with another file, or the same file name from another "  \
+    "folder")                                                                                 \
+  X(VESSA_ERR_INSTANCE_CONFLICT, -2147483634,                                                 \
+    "instance conflict: the module returned an instance pointer that is already live")
 
 enum vessa_result {
 #define VESSA_RESULT_ENUMERATOR(name, number, meaning) name = number,
     VESSA_RESULT_LIST(VESSA_RESULT_ENUMERATOR)
 #undef VESSA_RESULT_ENUMERATOR
-    VESSA_RESULT_FORCE_INT = 2147483647 /* not a result: keeps the type at 32 bits */
+        VESSA_RESULT_FORCE_INT = 2147483647 /* not a result: keeps the type at 32 bits */
 };
 
 /*

@@ -18,7 +18,8 @@
 // Invariants: at most three quarters of the slots are in use, and an object is in the first free
 // slot from its hash on at the time it was added, or nearer. The objects belong to somebody else,
 // and their keys do not change while they are in.
-// KeyOf is a function object that gives an object's key.
+// KeyOf is a function object that gives an object's key; KeyOf::Has tells whether an object has a
+// key.
 template <class Object, class KeyOf>
 class KeyIndex {
   public:
@@ -80,7 +81,7 @@ class KeyIndex {
     size_t Search(std::string_view key, size_t hash) const {
         size_t at = hash & (count_ - 1);
         while (slots_[at].object != nullptr &&
-               (slots_[at].hash != hash || KeyOfObject(*slots_[at].object) != key))
+               (slots_[at].hash != hash || !KeyOf::Has(*slots_[at].object, key)))
             at = (at + 1) & (count_ - 1);
         return at;
     }

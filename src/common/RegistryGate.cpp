@@ -1,6 +1,7 @@
 #include "common/RegistryGate.h"
 
 #include <cassert>
+#include <chrono>
 
 #include "common/AsymmetricFence.h"
 #include "common/SpinWait.h"
@@ -14,6 +15,9 @@ constexpr unsigned kGapMs = 1;
 // How often a thread looks whether another one has left before it goes to sleep: a few
 // microseconds, more than most reads and all writes take.
 constexpr int kLooks = 64;
+
+// What readers get between two writers that would keep them out all the time otherwise.
+constexpr std::chrono::microseconds kTurn{8};
 
 // Runs every task, also those behind one that is ended by the thread's cancellation.
 VESSA_COLD void RunTasks(GateTask* task) {
@@ -50,10 +54,17 @@ int32_t RegistryGate::Readers() const {
 
 void RegistryGate::EnterAsWriter() NO_THREAD_SAFETY_ANALYSIS {
     assert(!ReadsHere());
+    LeaveReadersATurn();
     attention_.fetch_add(kWriter);
     mutex_.Lock();
     if ((attention_.fetch_or(kStrict) & kStrict) == 0) AsymmetricFence::Heavy();
     if (!SeesReadersLeave()) WaitForReaders();
+}
+
+void RegistryGate::LeaveReadersATurn() {
+    if (!turned_away_.load() || !turned_away_.exchange(false)) return;
+    const auto end = std::chrono::steady_clock::now() + kTurn;
+    while (std::chrono::steady_clock::now() < end) SpinWait();
 }
 
 bool RegistryGate::SeesReadersLeave() const {
@@ -138,6 +149,7 @@ GateHold::Shown RegistryGate::EnterAsReader(ThreadState& thread) {
 }
 
 GateHold::Shown RegistryGate::EnterBesideWriters(ThreadState& thread) {
+    turned_away_.store(true);
     for (int i = 0; i < kLooks; ++i) {
         if (Writers() != 0) {
             SpinWait();

@@ -17,6 +17,8 @@
 //   runs one on all threads, and makes the readers that come behind it run their own, so that
 //   writers that follow each other interrupt nobody. When many of them have met no writer, that
 //   ends.
+//   Writers that follow each other at once leave the readers that they turned away a turn of some
+//   microseconds, in which many of them come and go.
 //   A thread that reads already enters in every state: while its outer read is shown no writer is
 //   past its wait.
 //   A waiting writer gives the mutex up between slices of its wait, so that a thread for which a
@@ -77,6 +79,7 @@ class CAPABILITY("gate") RegistryGate {
     void EndRead(ThreadState& thread, GateHold& hold);
     void Push(ThreadState& thread, GateHold& hold);
     void EnterAsWriter();
+    void LeaveReadersATurn();
     void WaitForReaders();
     bool HasReaders() const;
     bool SeesReadersLeave() const;
@@ -99,6 +102,7 @@ class CAPABILITY("gate") RegistryGate {
     std::atomic<int32_t> attention_{0};
     std::atomic<int32_t> sleepers_{0};  // writers that wait for a post
     std::atomic<int32_t> counted_{0};
+    std::atomic<bool> turned_away_{false};  // a reader, since a writer last came
     TOVA_Mutex mutex_ ACQUIRED_AFTER(lock_order::registry) ACQUIRED_BEFORE(lock_order::instances);
     TOVA_Sema drained_;
 };

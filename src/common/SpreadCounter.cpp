@@ -5,36 +5,48 @@
 #include "common/AsymmetricFence.h"
 
 // Null: no memory for them.
-SpreadCounter::LoneCell* SpreadCounter::MakeCells() {
+LoneCell* SpreadCounter::MakeFurther() {
+    LoneCell* known = further_.load();
+    if (known != nullptr) return known;
     auto* const made = new (std::nothrow) LoneCell[kCells];
-    LoneCell* known = nullptr;
-    if (made == nullptr || cells_.compare_exchange_strong(known, made)) return made;
+    if (made == nullptr || further_.compare_exchange_strong(known, made)) return made;
     delete[] made;
     return known;
 }
 
-// Null: the shared one.
-SpreadCounter::Cell* SpreadCounter::OwnCell(const ThreadState& thread) {
-    if (thread.place >= kCells) return nullptr;
-    LoneCell* cells = cells_.load(std::memory_order_acquire);
-    if (cells == nullptr) cells = MakeCells();
-    return cells != nullptr ? &cells[thread.place] : nullptr;
+// The cell of a place that is not one of the first two. Null: the shared one.
+CountingCell* SpreadCounter::FirstCell(int32_t place) {
+    if (place >= kCells) return nullptr;
+    for (int32_t i = 0; i < CountingCells::kOwn; ++i) {
+        int16_t owner = kNobody;
+        if (owners_[i].compare_exchange_strong(owner, static_cast<int16_t>(place)))
+            return &cells_->own[i];
+    }
+    LoneCell* const further = MakeFurther();
+    return further != nullptr ? &further[place] : nullptr;
+}
+
+CountingCell* SpreadCounter::OwnCell(const ThreadState& thread) {
+    for (int32_t i = 0; i < CountingCells::kOwn; ++i) {
+        if (owners_[i].load(std::memory_order_acquire) == thread.place) return &cells_->own[i];
+    }
+    return FirstCell(thread.place);
 }
 
 void SpreadCounter::Raise(const ThreadState& thread) {
-    if (Cell* const own = OwnCell(thread))
+    if (CountingCell* const own = OwnCell(thread))
         own->raised.store(own->raised.load(std::memory_order_relaxed) + 1,
                           std::memory_order_release);
     else
-        shared_.raised.fetch_add(1);
+        cells_->shared.raised.fetch_add(1);
 }
 
 void SpreadCounter::Lower(const ThreadState& thread) {
-    if (Cell* const own = OwnCell(thread))
+    if (CountingCell* const own = OwnCell(thread))
         own->lowered.store(own->lowered.load(std::memory_order_relaxed) + 1,
                            std::memory_order_release);
     else
-        shared_.lowered.fetch_add(1);
+        cells_->shared.lowered.fetch_add(1);
     AsymmetricFence::Light();
 }
 
@@ -44,12 +56,14 @@ bool SpreadCounter::IsZero() const {
 }
 
 int32_t SpreadCounter::Value() const {
-    const LoneCell* cells = cells_.load();
-    uint32_t lowered = shared_.lowered.load();
-    for (int32_t i = 0; cells != nullptr && i < kCells; ++i) lowered += cells[i].lowered.load();
-    // Cells that were made meanwhile count: what was lowered in shared_ may have been raised there.
-    cells = cells_.load();
-    uint32_t raised = shared_.raised.load();
-    for (int32_t i = 0; cells != nullptr && i < kCells; ++i) raised += cells[i].raised.load();
+    uint32_t lowered = cells_->shared.lowered.load();
+    for (const LoneCell& cell : cells_->own) lowered += cell.lowered.load();
+    const LoneCell* further = further_.load();
+    for (int32_t i = 0; further != nullptr && i < kCells; ++i) lowered += further[i].lowered.load();
+    // Cells that were made meanwhile count: what was lowered in another was perhaps raised there.
+    further = further_.load();
+    uint32_t raised = cells_->shared.raised.load();
+    for (const LoneCell& cell : cells_->own) raised += cell.raised.load();
+    for (int32_t i = 0; further != nullptr && i < kCells; ++i) raised += further[i].raised.load();
     return static_cast<int32_t>(raised - lowered);
 }

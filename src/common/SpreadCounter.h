@@ -1,9 +1,12 @@
 // A counter that several threads raise and lower without getting in each other's way.
 //
-//   cells        Raise, Lower of a place below kCells     of another place
-//   none yet     makes the cells, then its own cell;      the shared cell
-//                without memory the shared cell
-//   made         its own cell                             the shared cell
+//   the place            Raise, Lower
+//   has a cell           in its own cell
+//   has none, and one    takes it; its own cell
+//   of the two is free
+//   has none, below      makes the further cells; without memory in the shared one
+//   kCells
+//   any other            in the shared cell
 //
 //   A cell counts what was raised and what was lowered, and neither ever goes back. IsZero adds up
 //   everything that was lowered, and after that everything that was raised: what it finds is at
@@ -17,13 +20,27 @@
 
 #include "common/ThreadScope.h"
 
+// What a counter counts in. The shared and the lone ones stand on lines of their own, away from
+// what is only read.
+struct CountingCell {
+    std::atomic<uint32_t> raised{0};
+    std::atomic<uint32_t> lowered{0};
+};
+struct alignas(kPlaceAlignment / 2) LoneCell : CountingCell {};
+struct CountingCells {
+    static constexpr int32_t kOwn = 2;
+    LoneCell own[kOwn];  // of the first places that come
+    CountingCell shared;
+};
+
 // Thread safety: every operation on any thread; the state is the calling thread's own.
-// Invariants: what a cell below kCells shows is written by the owner of that place alone. The
-// counter is never below zero.
+// Invariants: what a cell other than the shared one shows is written by the owner of one place
+// alone. The counter is never below zero.
 class SpreadCounter {
   public:
-    SpreadCounter() = default;
-    ~SpreadCounter() { delete[] cells_.load(); }
+    // The cells live as long as the counter.
+    explicit SpreadCounter(CountingCells* cells) : cells_(cells) {}
+    ~SpreadCounter() { delete[] further_.load(); }
     SpreadCounter(const SpreadCounter&) = delete;
     SpreadCounter& operator=(const SpreadCounter&) = delete;
 
@@ -37,20 +54,20 @@ class SpreadCounter {
     // call.
     VESSA_COLD int32_t Value() const;
     // Whether it was ever raised.
-    bool WasUsed() const { return cells_.load() != nullptr || shared_.raised.load() != 0; }
+    bool WasUsed() const {
+        return owners_[0].load() != kNobody || cells_->shared.raised.load() != 0;
+    }
 
     static constexpr int32_t kCells = 8;
 
   private:
-    struct Cell {
-        std::atomic<uint32_t> raised{0};
-        std::atomic<uint32_t> lowered{0};
-    };
-    struct alignas(kPlaceAlignment / 2) LoneCell : Cell {};
+    static constexpr int16_t kNobody = -1;
 
-    Cell* OwnCell(const ThreadState& thread);
-    VESSA_COLD LoneCell* MakeCells();
+    CountingCell* OwnCell(const ThreadState& thread);
+    VESSA_COLD CountingCell* FirstCell(int32_t place);
+    LoneCell* MakeFurther();
 
-    std::atomic<LoneCell*> cells_{nullptr};
-    Cell shared_;
+    CountingCells* const cells_;
+    std::atomic<LoneCell*> further_{nullptr};
+    std::atomic<int16_t> owners_[CountingCells::kOwn] = {kNobody, kNobody};
 };

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
+#include <cstring>
 #include <string>
+#include <string_view>
 
 #include "common/CallContext.h"
 #include "common/LockOrder.h"
@@ -23,7 +27,7 @@
 // failed and the use was under another fkey: this object then holds a reference to a module
 // that is no longer loaded. The instance counter is independent of the state. The locks are made
 // once, before state or plugin_ change for the first time.
-class DelayLoadPlugin {
+class alignas(kPlaceAlignment / 2) DelayLoadPlugin {
   public:
     DelayLoadPlugin(const std::string& fkey, const std::string& file_path, bool delay_load);
     ~DelayLoadPlugin() { delete locks_.load(); }
@@ -50,6 +54,10 @@ class DelayLoadPlugin {
     int GetPluginMapFkeys(char (*fkeys)[TARNET_FKEY_SIZE], int* count);
 
     const std::string& fkey() const { return fkey_; }
+    bool HasKey(std::string_view fkey) const {
+        if (fkey.size() > kKeyHead) return fkey_ == fkey;
+        return fkey.size() == key_size_ && std::memcmp(key_head_, fkey.data(), fkey.size()) == 0;
+    }
     const std::string& file_path() const { return file_path_; }
     bool delay_load() const { return delay_load_.load(); }
     void set_delay_load(bool delay_load) { delay_load_.store(delay_load); }
@@ -57,9 +65,12 @@ class DelayLoadPlugin {
     bool HasInstances() const { return !instance_counter_.IsZero(); }
     // Whether there was ever an instance.
     bool HadInstances() const { return instance_counter_.WasUsed(); }
+    // A mark of the registry's: set while an unregistration has run with instances alive.
+    bool IsUnregistered() const { return unregistered_.load(); }
+    void SetUnregistered(bool unregistered) { unregistered_.store(unregistered); }
 
-    enum State : int32_t { kConflict = 1, kNotLoaded = 2, kLoaded = 3 };
-    int32_t state() const { return state_.load(); }
+    enum State : int8_t { kConflict = 1, kNotLoaded = 2, kLoaded = 3 };
+    State state() const { return static_cast<State>(state_.load()); }
 
   private:
     // Made with the first load: most plug-ins that a list declares are never asked for.
@@ -79,12 +90,19 @@ class DelayLoadPlugin {
     Plugin* LoadedPlugin(const CallContext& context, int& code);
     Locks* MakeLocks();
 
+    // What every create reads stands together on the first line of the object, and the cells that
+    // it writes to on the next ones.
+    static constexpr size_t kKeyHead = 28;
+    char key_head_[kKeyHead] = {};  // the fkey, if it is no longer
+    const uint8_t key_size_;        // of the fkey, or 255
+    std::atomic<int8_t> state_{kNotLoaded};
+    std::atomic<bool> unregistered_{false};
+    std::atomic<Plugin*> plugin_{nullptr};
+    SpreadCounter instance_counter_;
+    CountingCells cells_;
     const std::string fkey_;
     const std::string file_path_;
     std::atomic<bool> delay_load_;
-    std::atomic<Plugin*> plugin_{nullptr};
-    std::atomic<int32_t> state_{kNotLoaded};
     std::atomic<bool> is_nested_{false};  // plugin_ comes from a load inside the module's Init
-    SpreadCounter instance_counter_;
     std::atomic<Locks*> locks_{nullptr};
 };

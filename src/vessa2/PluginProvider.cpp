@@ -17,6 +17,16 @@ int RefuseForMemory(const std::string& fkey, const std::string& file_path, bool 
     return VESSA_ERR_OUT_OF_MEMORY;
 }
 
+// Null: no memory for it.
+std::unique_ptr<PluginRecord> MakeRecord(const std::string& fkey, const std::string& file_path,
+                                         const std::string& filename, bool delay_load) {
+    try {
+        return std::make_unique<PluginRecord>(fkey, file_path, filename, delay_load);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
 // One registered entry against the new plug-in. An entry that is reached under another key has
 // no record or the same file name.
 int CheckEntry(const std::string& key, const PluginRecord* entry, const std::string& fkey,
@@ -93,11 +103,12 @@ int PluginProvider::RegisterPlugin(const std::string& fkey, const std::string& f
 
 int PluginProvider::EnterAndLoad(const std::string& fkey, const std::string& file_path,
                                  const std::string& filename, bool delay_load) {
-    PluginRecord* record = nullptr;
+    // Made before the readers are kept out, and deleted, if it was not needed, after they were.
+    std::unique_ptr<PluginRecord> fresh = MakeRecord(fkey, file_path, filename, delay_load);
     GatePass pass(gate_, GatePass::AsWriter{});
     if (const int refusal = FindConflict(fkey, file_path, filename)) return refusal;
-    if (const int refusal = EnterRecord(fkey, file_path, filename, delay_load, record))
-        return refusal;
+    PluginRecord* const record = EnterRecord(fkey, fresh);
+    if (record == nullptr) return RefuseForMemory(fkey, file_path, delay_load);
     record->SetUnregistered(false);
     record->set_delay_load(delay_load);
     pass.Downgrade();
@@ -135,19 +146,16 @@ bool PluginProvider::CanMeetNothing(const PluginRecord* own, const std::string& 
     return (named == nullptr || named->file_path() == file_path) && !LogEnabled(kWarning);
 }
 
-// Finds the key's record or enters a new one.
-int PluginProvider::EnterRecord(const std::string& fkey, const std::string& file_path,
-                                const std::string& filename, bool delay_load,
-                                PluginRecord*& record) {
-    record = plugins_.Find(fkey);
-    if (record != nullptr) return VESSA_OK;
+// The key's record, or the fresh one, which is entered. Null: no memory for one of them.
+PluginRecord* PluginProvider::EnterRecord(const std::string& fkey,
+                                          std::unique_ptr<PluginRecord>& fresh) {
+    PluginRecord* const known = plugins_.Find(fkey);
+    if (known != nullptr || fresh == nullptr) return known;
     try {
-        auto fresh = std::make_unique<PluginRecord>(fkey, file_path, filename, delay_load);
         plugins_.Add(fresh.get());
-        record = fresh.release();
-        return VESSA_OK;
+        return fresh.release();
     } catch (const std::bad_alloc&) {
-        return RefuseForMemory(fkey, file_path, delay_load);
+        return nullptr;
     }
 }
 

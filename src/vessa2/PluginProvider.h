@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "common/CallContext.h"
@@ -63,8 +64,7 @@ class PluginProvider {
                      const std::string& filename) REQUIRES(gate_);
     bool CanMeetNothing(const PluginRecord* own, const std::string& file_path,
                         const std::string& filename) REQUIRES(gate_);
-    int EnterRecord(const std::string& fkey, const std::string& file_path,
-                    const std::string& filename, bool delay_load, PluginRecord*& record)
+    PluginRecord* EnterRecord(const std::string& fkey, std::unique_ptr<PluginRecord>& fresh)
         REQUIRES(gate_);
 
     int FindRegistered(LogView& log, TextRef fkey, PluginRecord*& record) REQUIRES_SHARED(gate_);

@@ -25,9 +25,6 @@ class PluginRecord : public DelayLoadPlugin {
 
     std::string_view filename() const { return filename_; }
 
-    // Set while UnregisterPlugin has run for this record with instances alive.
-    bool IsUnregistered() const { return unregistered_.load(); }
-    void SetUnregistered(bool unregistered) { unregistered_.store(unregistered); }
     bool IsDueForUnload() const { return IsUnregistered() && !HasInstances(); }
 
     void Pin() { pins_.fetch_add(1); }
@@ -50,7 +47,6 @@ class PluginRecord : public DelayLoadPlugin {
 
     const std::string own_filename_;  // empty when the path ends with it as it is
     const std::string_view filename_;
-    std::atomic<bool> unregistered_{false};
     std::atomic<bool> is_put_off_{false};
     std::atomic<int32_t> pins_{0};
     PutOff put_off_;

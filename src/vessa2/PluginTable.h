@@ -70,9 +70,13 @@ class PluginTable {
 
     struct KeyOfRecord {
         std::string_view operator()(const PluginRecord& record) const { return record.fkey(); }
+        static bool Has(const PluginRecord& record, std::string_view key) {
+            return record.HasKey(key);
+        }
     };
     struct NameOfChain {
         std::string_view operator()(const Chain& chain) const { return chain.filename; }
+        static bool Has(const Chain& chain, std::string_view key) { return chain.filename == key; }
     };
 
     KeyIndex<PluginRecord, KeyOfRecord> by_key_;
