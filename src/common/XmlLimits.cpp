@@ -8,14 +8,38 @@
 
 namespace {
 
+// What a byte may be, of all that is the same in every locale.
+enum ByteKind : unsigned char {
+    kSpace = 1,
+    kNameStart = 2,
+    kNameByte = 4,
+    kPlain = 8,  // in a value or a text: one character by itself, and the end of neither
+};
+
+struct ByteKinds {
+    unsigned char of[256] = {};
+
+    constexpr ByteKinds() {
+        for (int c = 1; c < 256; ++c) {
+            const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+            const bool start = letter || c == '_' || c >= 127;
+            const bool more = (c >= '0' && c <= '9') || c == '-' || c == '.' || c == ':';
+            const bool plain = c < 128 && c != '&' && c != '"' && c != '\'' && c != '<';
+            if (c == ' ' || (c >= '\t' && c <= '\r')) of[c] |= kSpace;
+            if (start) of[c] |= kNameStart;
+            if (start || more) of[c] |= kNameByte;
+            if (plain) of[c] |= kPlain;
+        }
+    }
+};
+constexpr ByteKinds kKinds;
+
+// As the parser, which asks the locale.
 bool IsSpace(unsigned char c) {
-    return std::isspace(c) != 0;
+    return c < 128 ? (kKinds.of[c] & kSpace) != 0 : std::isspace(c) != 0;
 }
 bool IsNameStart(unsigned char c) {
-    return c == '_' || c >= 127 || std::isalpha(c) != 0;
-}
-bool IsNameByte(unsigned char c) {
-    return IsNameStart(c) || std::isdigit(c) != 0 || c == '-' || c == '.' || c == ':';
+    return (kKinds.of[c] & kNameStart) != 0;
 }
 
 size_t Utf8Length(unsigned char lead) {
@@ -47,6 +71,14 @@ class XmlWalk {
     unsigned char At(size_t position) const {
         return position < text_.size() ? static_cast<unsigned char>(text_[position]) : '\0';
     }
+    // The zero byte behind the text is of no kind.
+    void Skip(ByteKind kind) {
+        if (position_ >= text_.size()) return;
+        const char* const start = text_.c_str();
+        const char* next = start + position_;
+        while ((kKinds.of[static_cast<unsigned char>(*next)] & kind) != 0) ++next;
+        position_ = static_cast<size_t>(next - start);
+    }
     bool AtEnd() const { return At(position_) == '\0'; }
     bool Looking(const char* what) const {
         return text_.compare(std::min(position_, text_.size()), std::strlen(what), what) == 0;
@@ -61,6 +93,7 @@ class XmlWalk {
 
     bool SkipSpace() {
         for (;;) {
+            Skip(kSpace);
             if (utf8_ && At(position_) == 0xEF &&
                 (Looking("\xEF\xBB\xBF") || Looking("\xEF\xBF\xBE") || Looking("\xEF\xBF\xBF")))
                 position_ += 3;
@@ -74,7 +107,7 @@ class XmlWalk {
     bool ReadName(Name& name) {
         if (!IsNameStart(At(position_))) return false;
         name.start = position_;
-        while (IsNameByte(At(position_))) ++position_;
+        Skip(kNameByte);
         name.length = position_ - name.start;
         return !AtEnd();
     }
@@ -124,16 +157,21 @@ class XmlWalk {
         return true;
     }
 
-    bool ReadText(const char* end, bool trim, std::string* value = nullptr) {
+    // The bytes of a value or a text are nearly all of these.
+    void SkipPlain() { Skip(kPlain); }
+
+    bool ReadText(char end, bool trim, std::string* value = nullptr) {
         if (trim && !SkipSpace()) return false;
-        while (!AtEnd() && !Looking(end)) {
+        for (;;) {
+            if (value == nullptr) SkipPlain();
+            if (AtEnd() || At(position_) == static_cast<unsigned char>(end)) break;
             if (trim && IsSpace(At(position_)))
                 ++position_;
             else if (!ReadCharacter(value))
                 return false;
         }
         if (AtEnd()) return false;
-        position_ += std::strlen(end);
+        ++position_;
         return !AtEnd();
     }
 
@@ -145,7 +183,7 @@ class XmlWalk {
         const unsigned char quote = At(position_);
         if (quote == '"' || quote == '\'') {
             ++position_;
-            return ReadText(quote == '"' ? "\"" : "'", false, value);
+            return ReadText(static_cast<char>(quote), false, value);
         }
         while (!AtEnd() && !IsSpace(At(position_)) && At(position_) != '/' &&
                At(position_) != '>') {
@@ -228,10 +266,11 @@ class XmlWalk {
 
     bool ReadNode() {
         if (At(position_) != '<') {
-            if (open_.empty() || !ReadText("<", true)) return false;
+            if (open_.empty() || !ReadText('<', true)) return false;
             --position_;
             return true;
         }
+        if (IsNameStart(At(position_ + 1))) return ReadStartTag();
         if (!open_.empty() && Looking("</")) return ReadEndTag();
         if (LookingIgnoringCase("<?xml")) return ReadDeclaration();
         if (Looking("<!--")) {
@@ -242,7 +281,6 @@ class XmlWalk {
             position_ += 9;
             return ReadUpTo("]]>");
         }
-        if (At(position_ + 1) != '!' && IsNameStart(At(position_ + 1))) return ReadStartTag();
         return ReadUpTo(">");
     }
 
