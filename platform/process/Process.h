@@ -3,6 +3,7 @@
 // sources for each system; nothing above it asks which system it runs on.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -39,6 +40,10 @@ int32_t ProcessId();
 FILE* OpenRegularFile(const char* path);
 // The file's size, with the position at its end; negative on failure.
 int64_t SeekToEnd(FILE* file);
+// Reads the whole of a file of that size, wherever its position is. The buffer has room for one
+// byte more, and a file that has grown by then shows it there. Gives how many bytes it read;
+// negative on failure.
+int64_t ReadWhole(FILE* file, char* buffer, size_t size);
 
 // The thread's last error for refusals that the system itself did not make.
 void SetErrorFileTooLarge();

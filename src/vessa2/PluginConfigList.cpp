@@ -112,19 +112,17 @@ bool ReadOpenFile(FILE* file, std::string& text, size_t max_size) {
         return false;
     }
     if (size == 0) return true;
-    if (std::fseek(file, 0, SEEK_SET) != 0) return false;
     const size_t wanted = static_cast<size_t>(size);
     text.reserve(wanted + kParserPadding);
-    text.resize(wanted);
-    if (std::fread(&text[0], 1, wanted, file) != wanted) {
-        if (std::ferror(file) == 0) process::SetErrorFileChanged();
-        return false;
-    }
+    text.resize(wanted + 1);
+    const int64_t read = process::ReadWhole(file, &text[0], wanted);
+    if (read < 0) return false;
     // Half of what somebody is still writing is no list.
-    if (std::fgetc(file) != EOF) {
+    if (read != size) {
         process::SetErrorFileChanged();
         return false;
     }
+    text.resize(wanted);
     const size_t zero = text.find('\0');
     if (zero != std::string::npos) text.resize(zero);
     return true;

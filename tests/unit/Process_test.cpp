@@ -73,6 +73,19 @@ TEST(SeekToEnd, TellsSizesBeyond32Bits) {
     EXPECT_EQ(process::SeekToEnd(file.get()), size);
 }
 
+TEST(ReadWhole, TellsAFileThatIsNotOfThatSize) {
+    TempDir world;
+    const File file(process::OpenRegularFile(world.Write("file", "a text\r\n").c_str()));
+    ASSERT_NE(file, nullptr);
+    char buffer[16] = {};
+    ASSERT_EQ(process::SeekToEnd(file.get()), 8);
+    EXPECT_EQ(process::ReadWhole(file.get(), buffer, 8), 8);
+    EXPECT_EQ(std::string(buffer, 8), "a text\r\n");
+    // And again from the begin.
+    EXPECT_EQ(process::ReadWhole(file.get(), buffer, 7), 8);
+    EXPECT_EQ(process::ReadWhole(file.get(), buffer, 12), 8);
+}
+
 TEST(RefusalsOfItsOwn, SetTheLastError) {
     SetLastSystemError(0);
     process::SetErrorFileTooLarge();

@@ -121,8 +121,20 @@ FILE* OpenRegularFile(const char* path) {
 }
 
 int64_t SeekToEnd(FILE* file) {
-    if (fseeko(file, 0, SEEK_END) != 0) return -1;
-    return static_cast<int64_t>(ftello(file));
+    return static_cast<int64_t>(lseek(fileno(file), 0, SEEK_END));
+}
+
+// Past the stream, which would make a buffer and several more calls for every list file.
+int64_t ReadWhole(FILE* file, char* buffer, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t read =
+            pread(fileno(file), buffer + done, size + 1 - done, static_cast<off_t>(done));
+        if (read < 0) return -1;
+        if (read == 0) break;
+        done += static_cast<size_t>(read);
+    }
+    return static_cast<int64_t>(done);
 }
 
 void SetErrorFileTooLarge() {

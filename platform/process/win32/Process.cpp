@@ -151,6 +151,12 @@ int64_t SeekToEnd(FILE* file) {
     return _ftelli64(file);
 }
 
+int64_t ReadWhole(FILE* file, char* buffer, size_t size) {
+    if (std::fseek(file, 0, SEEK_SET) != 0) return -1;
+    const size_t read = std::fread(buffer, 1, size + 1, file);
+    return std::ferror(file) == 0 ? static_cast<int64_t>(read) : -1;
+}
+
 void SetErrorFileTooLarge() {
     SetLastError(ERROR_FILE_TOO_LARGE);
 }
