@@ -194,6 +194,31 @@ class XmlWalk {
         return !AtEnd();
     }
 
+    // The attributes as nearly all lists have them, name="value" behind a blank or more, up to
+    // the first one that is anything else. Gives false where the walk ends.
+    bool SkipUsualAttributes(int& attributes) {
+        const auto is = [](char c, int kinds) {
+            return (kKinds.of[static_cast<unsigned char>(c)] & kinds) != 0;
+        };
+        if (position_ >= text_.size()) return true;
+        const char* next = text_.c_str() + position_;
+        for (;;) {
+            while (is(*next, kSpace)) ++next;
+            // In UTF-8 what is no ASCII may be a blank to the parser.
+            if (static_cast<unsigned char>(*next) >= 127 || !is(*next, kNameStart)) return true;
+            while (is(*next, kNameByte)) ++next;
+            if (next[0] != '=' || (next[1] != '"' && next[1] != '\'')) return true;
+            const char quote = next[1];
+            next += 2;
+            while (is(*next, kPlain)) ++next;
+            if (next[0] != quote || next[1] == '\0') return true;
+            ++next;
+            position_ = static_cast<size_t>(next - text_.c_str());
+            extent_.attributes = std::max(extent_.attributes, ++attributes);
+            if (attributes > kMaxXmlAttributes) return false;
+        }
+    }
+
     bool ReadUpTo(const char* end) {
         const size_t found = text_.find(end, std::min(position_, text_.size()));
         if (found == std::string::npos) return false;
@@ -237,7 +262,7 @@ class XmlWalk {
         extent_.depth = std::max(extent_.depth, static_cast<int>(open_.size()) + 1);
         if (extent_.depth > kMaxXmlDepth || !SkipSpace() || !ReadName(name)) return false;
         for (int attributes = 0;;) {
-            if (!SkipSpace()) return false;
+            if (!SkipUsualAttributes(attributes) || !SkipSpace()) return false;
             if (At(position_) == '/') {
                 position_ += 2;
                 return At(position_ - 1) == '>';

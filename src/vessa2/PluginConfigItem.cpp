@@ -32,26 +32,19 @@ PluginConfigItem::PluginConfigItem(const PluginDeclaration& declaration) {
     for (const PluginAttribute& attribute : declaration.attributes)
         bytes += attribute.name.size() + attribute.value.size() + 2;
     void* const memory = ::operator new(sizeof(Block) + bytes);
-    Block* const block = new (memory) Block;
     try {
-        block->fkey = declaration.fkey;
-        block->file_path = declaration.file_path;
+        block_ = new (memory) Block(declaration);
     } catch (...) {
-        Release(block);
+        ::operator delete(memory);
         throw;
     }
-    block->delay_load = declaration.delay_load;
-    block->load_fkeys = declaration.load_fkeys;
-    block->config_file_path = declaration.config_file_path;
-    block->attributes = static_cast<uint32_t>(declaration.attributes.size());
-    char* next = block->texts();
+    char* next = block_->texts();
     for (const PluginAttribute& attribute : declaration.attributes) {
         for (const std::string_view text : {attribute.name, attribute.value}) {
             std::memcpy(next, text.data(), text.size() + 1);
             next += text.size() + 1;
         }
     }
-    block_ = block;
 }
 
 void PluginConfigItem::Release(Block* block) noexcept {

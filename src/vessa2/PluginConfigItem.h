@@ -71,13 +71,21 @@ class PluginConfigItem {
   private:
     // The names and values of the attributes follow it, each with its zero byte.
     struct Block {
+        explicit Block(const PluginDeclaration& declaration)
+            : attributes(static_cast<uint32_t>(declaration.attributes.size())),
+              delay_load(declaration.delay_load),
+              load_fkeys(declaration.load_fkeys),
+              fkey(declaration.fkey),
+              file_path(declaration.file_path),
+              config_file_path(declaration.config_file_path) {}
+
         std::atomic<uint32_t> users{1};
-        uint32_t attributes = 0;
-        bool delay_load = false;
-        bool load_fkeys = false;
-        std::string fkey;
-        std::string file_path;
-        std::shared_ptr<const std::string> config_file_path;
+        const uint32_t attributes;
+        const bool delay_load;
+        const bool load_fkeys;
+        const std::string fkey;
+        const std::string file_path;
+        const std::shared_ptr<const std::string> config_file_path;
 
         char* texts() { return reinterpret_cast<char*>(this + 1); }
     };

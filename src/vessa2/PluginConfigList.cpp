@@ -3,7 +3,6 @@
 #include <tinyxml.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <ostream>
 #include <string_view>
@@ -98,15 +97,9 @@ bool ElementReader::Read(const TiXmlElement& element) {
     return true;
 }
 
-struct FileCloser {
-    FILE* file;
-    ~FileCloser() { std::fclose(file); }
-};
-
 // Reads the open file; false leaves text to be cleared by the caller.
-bool ReadOpenFile(FILE* file, std::string& text, size_t max_size) {
-    const int64_t size = process::SeekToEnd(file);
-    if (size < 0) return false;
+bool ReadOpenFile(process::RegularFile& file, std::string& text, size_t max_size) {
+    const int64_t size = file.size();
     if (static_cast<uint64_t>(size) >= max_size) {
         process::SetErrorFileTooLarge();
         return false;
@@ -115,7 +108,7 @@ bool ReadOpenFile(FILE* file, std::string& text, size_t max_size) {
     const size_t wanted = static_cast<size_t>(size);
     text.reserve(wanted + kParserPadding);
     text.resize(wanted + 1);
-    const int64_t read = process::ReadWhole(file, &text[0], wanted);
+    const int64_t read = file.ReadWhole(&text[0], wanted);
     if (read < 0) return false;
     // Half of what somebody is still writing is no list.
     if (read != size) {
@@ -132,9 +125,8 @@ bool ReadOpenFile(FILE* file, std::string& text, size_t max_size) {
 
 bool ReadTextFile(const std::string& path, std::string& text, size_t max_size) {
     if (path.empty()) return false;
-    FILE* const file = process::OpenRegularFile(path.c_str());
-    if (file == nullptr) return false;
-    const FileCloser closer{file};
+    process::RegularFile file;
+    if (!file.Open(path.c_str())) return false;
     if (ReadOpenFile(file, text, max_size)) return true;
     text.clear();
     return false;

@@ -9,11 +9,10 @@
 
 #include "TestPlatform.h"
 
-STAND_IN_C(ssize_t, pread)(int file, void* buffer, size_t size, off_t offset) {
+STAND_IN_C(ssize_t, read)(int file, void* buffer, size_t size) {
     vessa_test::RunBeforeRead();
-    static const auto real =
-        vessa_test::FunctionBehind<ssize_t(int, void*, size_t, off_t)>("pread");
-    return real(file, buffer, size, offset);
+    static const auto real = vessa_test::FunctionBehind<ssize_t(int, void*, size_t)>("read");
+    return real(file, buffer, size);
 }
 
 #endif
