@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cstddef>
 #include <cstring>
-#include <vector>
 
 namespace {
 
@@ -64,8 +63,8 @@ class XmlWalk {
 
   private:
     struct Name {
-        size_t start = 0;
-        size_t length = 0;
+        size_t start;
+        size_t length;
     };
 
     unsigned char At(size_t position) const {
@@ -176,7 +175,7 @@ class XmlWalk {
     }
 
     bool ReadAttribute(std::string* value = nullptr) {
-        Name name;
+        Name name{};
         if (!SkipSpace() || !ReadName(name) || !SkipSpace() || At(position_) != '=') return false;
         ++position_;
         if (!SkipSpace()) return false;
@@ -245,7 +244,7 @@ class XmlWalk {
             }
         }
         ++position_;
-        if (!encoding_known_ && open_.empty()) {
+        if (!encoding_known_ && depth_ == 0) {
             for (char& c : encoding)
                 if (static_cast<unsigned char>(c) < 128) c = static_cast<char>(std::tolower(c));
             utf8_ = encoding.empty() || encoding.compare(0, 5, "utf-8") == 0 ||
@@ -257,9 +256,9 @@ class XmlWalk {
 
     // From the "<" of a start tag to behind its ">".
     bool ReadStartTag() {
-        Name name;
+        Name name{};
         ++position_;
-        extent_.depth = std::max(extent_.depth, static_cast<int>(open_.size()) + 1);
+        extent_.depth = std::max(extent_.depth, static_cast<int>(depth_) + 1);
         if (extent_.depth > kMaxXmlDepth || !SkipSpace() || !ReadName(name)) return false;
         for (int attributes = 0;;) {
             if (!SkipUsualAttributes(attributes) || !SkipSpace()) return false;
@@ -269,7 +268,7 @@ class XmlWalk {
             }
             if (At(position_) == '>') {
                 ++position_;
-                open_.push_back(name);
+                open_[depth_++] = name;
                 return true;
             }
             extent_.attributes = std::max(extent_.attributes, ++attributes);
@@ -278,25 +277,25 @@ class XmlWalk {
     }
 
     bool ReadEndTag() {
-        const Name name = open_.back();
+        const Name name = open_[depth_ - 1];
         position_ += 2;
         if (text_.compare(position_, name.length, text_, name.start, name.length) != 0)
             return false;
         position_ += name.length;
         if (!SkipSpace() || At(position_) != '>') return false;
         ++position_;
-        open_.pop_back();
+        --depth_;
         return true;
     }
 
     bool ReadNode() {
         if (At(position_) != '<') {
-            if (open_.empty() || !ReadText('<', true)) return false;
+            if (depth_ == 0 || !ReadText('<', true)) return false;
             --position_;
             return true;
         }
         if (IsNameStart(At(position_ + 1))) return ReadStartTag();
-        if (!open_.empty() && Looking("</")) return ReadEndTag();
+        if (depth_ != 0 && Looking("</")) return ReadEndTag();
         if (LookingIgnoringCase("<?xml")) return ReadDeclaration();
         if (Looking("<!--")) {
             position_ += 4;
@@ -318,7 +317,9 @@ class XmlWalk {
     size_t position_ = 0;
     bool utf8_ = false;
     bool encoding_known_ = false;
-    std::vector<Name> open_;
+    // Only the first depth_ of them were written.
+    Name open_[kMaxXmlDepth];
+    size_t depth_ = 0;
     XmlExtent extent_;
 };
 

@@ -242,7 +242,8 @@ bool ConfigMonitor::ListFolder(size_t at, const std::string& config_filename,
     tova_dirent_t entry;
     while (TOVA_FindFileInDir(directory, &entry) == 0) {
         if (entry.type == TOVA_DIRENT_FILE && config_filename == entry.name) {
-            found.push_back(FileInfo{queue_.PathOfFile(at, config_filename), entry.stamp});
+            found.push_back(
+                FileInfo{queue_.PathOfFile(at, folder_path_, config_filename), entry.stamp});
             continue;
         }
         if (entry.type != TOVA_DIRENT_FOLDER || IsParentName(entry.name)) continue;

@@ -53,15 +53,13 @@ void FolderQueue::PathOf(size_t at, std::string& path) const {
     path.replace(0, left, root_before_);
 }
 
-std::string FolderQueue::PathOfFile(size_t at, const std::string& name) const {
+std::string FolderQueue::PathOfFile(size_t at, const std::string& folder_path,
+                                    const std::string& name) const {
+    const std::string& before = at == 0 ? root_before_ : folder_path;
     std::string path;
-    path.reserve((at == 0 ? root_before_.size() : SizeOfPath(at) + 1) + name.size());
-    if (at == 0) {
-        path = root_before_;
-    } else {
-        PathOf(at, path);
-        path += '/';
-    }
+    path.reserve(before.size() + 1 + name.size());
+    path = before;
+    if (at != 0) path += '/';
     path += name;
     return IsPlainPath(name) ? path : NormalizePath(path);
 }

@@ -26,7 +26,8 @@ class FolderQueue {
     size_t size() const { return folders_.size(); }
     // The folder's normalised path, and that of a file in it.
     void PathOf(size_t at, std::string& path) const;
-    std::string PathOfFile(size_t at, const std::string& name) const;
+    std::string PathOfFile(size_t at, const std::string& folder_path,
+                           const std::string& name) const;
     // Whether the folder is the one at this place or one above it on the walked path.
     bool IsOwnAncestor(size_t at, uint64_t volume, uint64_t file_id) const;
 

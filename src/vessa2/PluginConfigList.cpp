@@ -28,6 +28,7 @@ bool IsTrue(std::string_view value) {
 class ElementReader {
   public:
     explicit ElementReader(PluginListOrigin* origin) : origin_(origin) {
+        declaration_.attributes.reserve(kUsualAttributes);
         if (origin != nullptr) declaration_.config_file_path = origin->config_file_path();
     }
 
@@ -37,6 +38,8 @@ class ElementReader {
     const PluginDeclaration& declaration() const { return declaration_; }
 
   private:
+    static constexpr size_t kUsualAttributes = 8;
+
     // What is read of an element. Without data where it has no such attribute.
     struct Values {
         std::string_view fkey;

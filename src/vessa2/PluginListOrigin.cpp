@@ -14,9 +14,15 @@ bool StartsWith(std::string_view text, const char (&prefix)[kSize]) {
 }  // namespace
 
 PluginListOrigin::PluginListOrigin(const std::string& config_file_path)
-    : path_(std::make_shared<const std::string>(config_file_path)),
-      folder_(FolderOf(NormalizePath(config_file_path)) + "/"),
-      folder_is_plain_(IsPlainPath(folder_ + "x")) {}
+    : path_(std::make_shared<const std::string>(config_file_path)) {
+    // The monitor's paths are normalised.
+    const size_t slash = config_file_path.rfind('/');
+    folder_is_plain_ = slash != std::string::npos && IsPlainPath(config_file_path);
+    if (folder_is_plain_)
+        folder_.assign(config_file_path, 0, slash + 1);
+    else
+        folder_ = FolderOf(NormalizePath(config_file_path)) + "/";
+}
 
 bool PluginListOrigin::IsRelative(std::string_view file) {
     return StartsWith(file, "./") || StartsWith(file, "../");
@@ -33,17 +39,24 @@ std::string PluginListOrigin::Resolve(std::string_view file) const {
     return std::string(base).append("/").append(file);
 }
 
-// Nearly every list has its modules beside it or below it, by plain names.
+// Nearly every list has its modules at plain places: what they are joined to is plain already.
 const std::string& PluginListOrigin::Finish(std::string_view file) {
     if (!IsRelative(file)) {
         finished_.assign(file);
         if (!IsPlainPath(file)) finished_ = NormalizePath(finished_);
         return finished_;
     }
-    const std::string_view below = file.substr(2);
-    if (folder_is_plain_ && file[1] == '/' && !StartsWith(below, "../") && IsPlainPath(below) &&
-        below.front() != '/')
-        finished_.assign(folder_).append(below);
+    std::string_view base(folder_);
+    std::string_view below = file;
+    if (StartsWith(below, "./")) below.remove_prefix(2);
+    while (base.size() > 1 && StartsWith(below, "../")) {
+        below.remove_prefix(3);
+        base.remove_suffix(1);
+        base = base.substr(0, base.rfind('/') + 1);
+    }
+    if (folder_is_plain_ && !base.empty() && !StartsWith(below, "../") && !StartsWith(below, "/") &&
+        IsPlainPath(below))
+        finished_.assign(base).append(below);
     else
         finished_ = NormalizePath(Resolve(file));
     return finished_;

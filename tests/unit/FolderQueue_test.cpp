@@ -48,7 +48,8 @@ TEST(FolderQueue, GivesThePathsThatJoiningWouldGive) {
         for (size_t at = 0; at < paths.size(); ++at) {
             EXPECT_EQ(PathOf(queue, at), paths[at]) << root;
             for (const char* const file : {"tarnet.xml", "a\\b", ".", "x/y"})
-                EXPECT_EQ(queue.PathOfFile(at, file), NormalizePath(paths[at] + "/" + file))
+                EXPECT_EQ(queue.PathOfFile(at, paths[at], file),
+                          NormalizePath(paths[at] + "/" + file))
                     << root;
         }
     }
