@@ -1,10 +1,10 @@
 // What the library asks of the system about itself and its process: a slot for each thread,
-// its own module file, a reference to itself, and opening of regular files. One folder of
+// its own module file, a reference to itself, and reading of regular files. One folder of
 // sources for each system; nothing above it asks which system it runs on.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 namespace process {
@@ -49,11 +49,35 @@ bool OtherThreadsAreGone();
 
 int32_t ProcessId();
 
-// Opens a regular file for binary reading and refuses everything else without blocking.
-// Null: failure, with the thread's last error set.
-FILE* OpenRegularFile(const char* path);
-// The file's size, with the position at its end; negative on failure.
-int64_t SeekToEnd(FILE* file);
+// A regular file, open for reading every byte as it is.
+//
+// Thread safety: none. Invariants: closed with the object; size_ is that of the moment it was
+// opened.
+class RegularFile {
+  public:
+    RegularFile() = default;
+    ~RegularFile();
+    RegularFile(const RegularFile&) = delete;
+    RegularFile& operator=(const RegularFile&) = delete;
+
+    // Once. Refuses everything else without blocking. False: failure, with the thread's last
+    // error set.
+    bool Open(const char* path);
+    int64_t size() const { return size_; }
+
+    // Reads the whole of a file of that size. The buffer has room for one byte more, and a file
+    // that has grown by then shows it there. Gives how many bytes it read; negative on failure.
+    int64_t ReadWhole(char* buffer, size_t size);
+
+    // What the system's folder of sources has it as.
+    intptr_t handle() const { return handle_; }
+
+  private:
+    static constexpr intptr_t kNone = -1;
+
+    intptr_t handle_ = kNone;
+    int64_t size_ = 0;
+};
 
 // The thread's last error for refusals that the system itself did not make.
 void SetErrorFileTooLarge();

@@ -43,9 +43,26 @@ std::string CollapseSteps(const char* path, size_t length) {
 
 }  // namespace
 
+bool IsPlainPath(std::string_view path) {
+    // Every step between two slashes is something, and not ".".
+    size_t start = !path.empty() && path.front() == '/' ? 1 : 0;
+    for (size_t i = start;; ++i) {
+        const bool at_end = i == path.size();
+        if (!at_end && path[i] != '/') {
+            if (path[i] == '\\') return false;
+            continue;
+        }
+        if (i == start || (i == start + 1 && path[start] == '.')) return false;
+        if (at_end) return true;
+        start = i + 1;
+    }
+}
+
 std::string NormalizePath(const char* path) {
     if (path == nullptr) return std::string();
-    std::string result = CollapseSteps(path, std::strlen(path));
+    const size_t length = std::strlen(path);
+    if (IsPlainPath({path, length})) return std::string(path, length);
+    std::string result = CollapseSteps(path, length);
     if (result.compare(0, 2, "./") == 0) result.erase(0, 2);
     if (result == "/.") return "/";
     if (result.size() == 4 && StartsWithDrive(result) && result[3] == '.')

@@ -4,18 +4,41 @@
 #include <cctype>
 #include <cstddef>
 #include <cstring>
-#include <vector>
 
 namespace {
 
+// What a byte may be, of all that is the same in every locale.
+enum ByteKind : unsigned char {
+    kSpace = 1,
+    kNameStart = 2,
+    kNameByte = 4,
+    kPlain = 8,  // in a value or a text: one character by itself, and the end of neither
+};
+
+struct ByteKinds {
+    unsigned char of[256] = {};
+
+    constexpr ByteKinds() {
+        for (int c = 1; c < 256; ++c) {
+            const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+            const bool start = letter || c == '_' || c >= 127;
+            const bool more = (c >= '0' && c <= '9') || c == '-' || c == '.' || c == ':';
+            const bool plain = c < 128 && c != '&' && c != '"' && c != '\'' && c != '<';
+            if (c == ' ' || (c >= '\t' && c <= '\r')) of[c] |= kSpace;
+            if (start) of[c] |= kNameStart;
+            if (start || more) of[c] |= kNameByte;
+            if (plain) of[c] |= kPlain;
+        }
+    }
+};
+constexpr ByteKinds kKinds;
+
+// As the parser, which asks the locale.
 bool IsSpace(unsigned char c) {
-    return std::isspace(c) != 0;
+    return c < 128 ? (kKinds.of[c] & kSpace) != 0 : std::isspace(c) != 0;
 }
 bool IsNameStart(unsigned char c) {
-    return c == '_' || c >= 127 || std::isalpha(c) != 0;
-}
-bool IsNameByte(unsigned char c) {
-    return IsNameStart(c) || std::isdigit(c) != 0 || c == '-' || c == '.' || c == ':';
+    return (kKinds.of[c] & kNameStart) != 0;
 }
 
 size_t Utf8Length(unsigned char lead) {
@@ -40,12 +63,20 @@ class XmlWalk {
 
   private:
     struct Name {
-        size_t start = 0;
-        size_t length = 0;
+        size_t start;
+        size_t length;
     };
 
     unsigned char At(size_t position) const {
         return position < text_.size() ? static_cast<unsigned char>(text_[position]) : '\0';
+    }
+    // The zero byte behind the text is of no kind.
+    void Skip(ByteKind kind) {
+        if (position_ >= text_.size()) return;
+        const char* const start = text_.c_str();
+        const char* next = start + position_;
+        while ((kKinds.of[static_cast<unsigned char>(*next)] & kind) != 0) ++next;
+        position_ = static_cast<size_t>(next - start);
     }
     bool AtEnd() const { return At(position_) == '\0'; }
     bool Looking(const char* what) const {
@@ -61,6 +92,7 @@ class XmlWalk {
 
     bool SkipSpace() {
         for (;;) {
+            Skip(kSpace);
             if (utf8_ && At(position_) == 0xEF &&
                 (Looking("\xEF\xBB\xBF") || Looking("\xEF\xBF\xBE") || Looking("\xEF\xBF\xBF")))
                 position_ += 3;
@@ -74,7 +106,7 @@ class XmlWalk {
     bool ReadName(Name& name) {
         if (!IsNameStart(At(position_))) return false;
         name.start = position_;
-        while (IsNameByte(At(position_))) ++position_;
+        Skip(kNameByte);
         name.length = position_ - name.start;
         return !AtEnd();
     }
@@ -124,28 +156,33 @@ class XmlWalk {
         return true;
     }
 
-    bool ReadText(const char* end, bool trim, std::string* value = nullptr) {
+    // The bytes of a value or a text are nearly all of these.
+    void SkipPlain() { Skip(kPlain); }
+
+    bool ReadText(char end, bool trim, std::string* value = nullptr) {
         if (trim && !SkipSpace()) return false;
-        while (!AtEnd() && !Looking(end)) {
+        for (;;) {
+            if (value == nullptr) SkipPlain();
+            if (AtEnd() || At(position_) == static_cast<unsigned char>(end)) break;
             if (trim && IsSpace(At(position_)))
                 ++position_;
             else if (!ReadCharacter(value))
                 return false;
         }
         if (AtEnd()) return false;
-        position_ += std::strlen(end);
+        ++position_;
         return !AtEnd();
     }
 
     bool ReadAttribute(std::string* value = nullptr) {
-        Name name;
+        Name name{};
         if (!SkipSpace() || !ReadName(name) || !SkipSpace() || At(position_) != '=') return false;
         ++position_;
         if (!SkipSpace()) return false;
         const unsigned char quote = At(position_);
         if (quote == '"' || quote == '\'') {
             ++position_;
-            return ReadText(quote == '"' ? "\"" : "'", false, value);
+            return ReadText(static_cast<char>(quote), false, value);
         }
         while (!AtEnd() && !IsSpace(At(position_)) && At(position_) != '/' &&
                At(position_) != '>') {
@@ -154,6 +191,31 @@ class XmlWalk {
             ++position_;
         }
         return !AtEnd();
+    }
+
+    // The attributes as nearly all lists have them, name="value" behind a blank or more, up to
+    // the first one that is anything else. Gives false where the walk ends.
+    bool SkipUsualAttributes(int& attributes) {
+        const auto is = [](char c, int kinds) {
+            return (kKinds.of[static_cast<unsigned char>(c)] & kinds) != 0;
+        };
+        if (position_ >= text_.size()) return true;
+        const char* next = text_.c_str() + position_;
+        for (;;) {
+            while (is(*next, kSpace)) ++next;
+            // In UTF-8 what is no ASCII may be a blank to the parser.
+            if (static_cast<unsigned char>(*next) >= 127 || !is(*next, kNameStart)) return true;
+            while (is(*next, kNameByte)) ++next;
+            if (next[0] != '=' || (next[1] != '"' && next[1] != '\'')) return true;
+            const char quote = next[1];
+            next += 2;
+            while (is(*next, kPlain)) ++next;
+            if (next[0] != quote || next[1] == '\0') return true;
+            ++next;
+            position_ = static_cast<size_t>(next - text_.c_str());
+            extent_.attributes = std::max(extent_.attributes, ++attributes);
+            if (attributes > kMaxXmlAttributes) return false;
+        }
     }
 
     bool ReadUpTo(const char* end) {
@@ -182,7 +244,7 @@ class XmlWalk {
             }
         }
         ++position_;
-        if (!encoding_known_ && open_.empty()) {
+        if (!encoding_known_ && depth_ == 0) {
             for (char& c : encoding)
                 if (static_cast<unsigned char>(c) < 128) c = static_cast<char>(std::tolower(c));
             utf8_ = encoding.empty() || encoding.compare(0, 5, "utf-8") == 0 ||
@@ -194,19 +256,19 @@ class XmlWalk {
 
     // From the "<" of a start tag to behind its ">".
     bool ReadStartTag() {
-        Name name;
+        Name name{};
         ++position_;
-        extent_.depth = std::max(extent_.depth, static_cast<int>(open_.size()) + 1);
+        extent_.depth = std::max(extent_.depth, static_cast<int>(depth_) + 1);
         if (extent_.depth > kMaxXmlDepth || !SkipSpace() || !ReadName(name)) return false;
         for (int attributes = 0;;) {
-            if (!SkipSpace()) return false;
+            if (!SkipUsualAttributes(attributes) || !SkipSpace()) return false;
             if (At(position_) == '/') {
                 position_ += 2;
                 return At(position_ - 1) == '>';
             }
             if (At(position_) == '>') {
                 ++position_;
-                open_.push_back(name);
+                open_[depth_++] = name;
                 return true;
             }
             extent_.attributes = std::max(extent_.attributes, ++attributes);
@@ -215,24 +277,25 @@ class XmlWalk {
     }
 
     bool ReadEndTag() {
-        const Name name = open_.back();
+        const Name name = open_[depth_ - 1];
         position_ += 2;
         if (text_.compare(position_, name.length, text_, name.start, name.length) != 0)
             return false;
         position_ += name.length;
         if (!SkipSpace() || At(position_) != '>') return false;
         ++position_;
-        open_.pop_back();
+        --depth_;
         return true;
     }
 
     bool ReadNode() {
         if (At(position_) != '<') {
-            if (open_.empty() || !ReadText("<", true)) return false;
+            if (depth_ == 0 || !ReadText('<', true)) return false;
             --position_;
             return true;
         }
-        if (!open_.empty() && Looking("</")) return ReadEndTag();
+        if (IsNameStart(At(position_ + 1))) return ReadStartTag();
+        if (depth_ != 0 && Looking("</")) return ReadEndTag();
         if (LookingIgnoringCase("<?xml")) return ReadDeclaration();
         if (Looking("<!--")) {
             position_ += 4;
@@ -242,7 +305,6 @@ class XmlWalk {
             position_ += 9;
             return ReadUpTo("]]>");
         }
-        if (At(position_ + 1) != '!' && IsNameStart(At(position_ + 1))) return ReadStartTag();
         return ReadUpTo(">");
     }
 
@@ -255,7 +317,9 @@ class XmlWalk {
     size_t position_ = 0;
     bool utf8_ = false;
     bool encoding_known_ = false;
-    std::vector<Name> open_;
+    // Only the first depth_ of them were written.
+    Name open_[kMaxXmlDepth];
+    size_t depth_ = 0;
     XmlExtent extent_;
 };
 

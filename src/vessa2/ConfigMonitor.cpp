@@ -1,23 +1,14 @@
 #include "vessa2/ConfigMonitor.h"
 
+#include <algorithm>
 #include <cstring>
-#include <map>
+#include <vector>
 
 #include "common/Contain.h"
 #include "common/MessageFormat.h"
-#include "common/NormalizePath.h"
+#include "common/RunSort.h"
 #include "process/Process.h"
 #include "tova.h"
-
-// A folder on its way through a scan. Its parent stands before it in the queue.
-struct ConfigMonitor::QueuedFolder {
-    static constexpr size_t kNoParent = static_cast<size_t>(-1);
-
-    std::string path;
-    size_t parent = kNoParent;
-    uint64_t volume = 0;
-    uint64_t file_id = 0;
-};
 
 namespace {
 
@@ -37,6 +28,48 @@ bool IsOwnName(const char* name) {
 bool IsParentName(const char* name) {
     return std::strcmp(name, "..") == 0;
 }
+
+// The files of a scan by their paths. Of two entries with one path the later one counts. What is
+// looked for in the order of the paths is found without a search.
+class FileIndex {
+  public:
+    struct Known {
+        const ConfigMonitor::FileInfo* file = nullptr;
+        bool seen = false;
+    };
+
+    explicit FileIndex(const std::list<ConfigMonitor::FileInfo>& files) {
+        known_.reserve(files.size());
+        for (const ConfigMonitor::FileInfo& file : files) known_.push_back({&file, false});
+        SortByRuns(known_, [](const Known& left, const Known& right) {
+            return left.file->path < right.file->path;
+        });
+        const auto last = std::unique(known_.rbegin(), known_.rend(),
+                                      [](const Known& later, const Known& earlier) {
+                                          return later.file->path == earlier.file->path;
+                                      });
+        known_.erase(known_.begin(), last.base());
+    }
+
+    // Null: there is none.
+    Known* Find(const std::string& path) {
+        const auto is_below = [](const Known& known, const std::string& text) {
+            return known.file->path < text;
+        };
+        if (next_ == known_.size() || known_[next_].file->path != path) {
+            const auto found = std::lower_bound(known_.begin(), known_.end(), path, is_below);
+            if (found == known_.end() || found->file->path != path) return nullptr;
+            next_ = static_cast<size_t>(found - known_.begin());
+        }
+        return &known_[next_++];
+    }
+
+    const std::vector<Known>& known() const { return known_; }
+
+  private:
+    std::vector<Known> known_;
+    size_t next_ = 0;
+};
 
 }  // namespace
 
@@ -96,6 +129,7 @@ bool ConfigMonitor::Stop() {
     config_filename_.clear();
     receiver_.Set(Receiver::Target());
     previous_files_.clear();
+    queue_.Free();
     stopping_.store(false);
     LOG_PLAIN(kInformation, "stop config monitor succeeded");
     return true;
@@ -124,7 +158,7 @@ bool ConfigMonitor::Scan(std::list<NotifyInfo>& changes) {
     if (!FindConfigFileInFolder(plugin_root_, config_filename_, found)) return false;
     // Kept: the removal of the last list files is not reported until there is some file again.
     if (found.empty()) return true;
-    changes = Compare(previous_files_, found);
+    if (!AreTheSame(previous_files_, found)) changes = Compare(previous_files_, found);
     previous_files_.swap(found);
     return true;
 }
@@ -138,26 +172,37 @@ void ConfigMonitor::Deliver(const std::list<NotifyInfo>& changes) {
     Contain([&] { receiver_(*this, changes); });
 }
 
+// The usual case, without an index: the same files in the same order. A path that a folder lists
+// twice is left to the comparison.
+bool ConfigMonitor::AreTheSame(const std::list<FileInfo>& previous,
+                               const std::list<FileInfo>& found) {
+    if (previous.size() != found.size()) return false;
+    const std::string* last = nullptr;
+    auto former = previous.begin();
+    for (const FileInfo& file : found) {
+        if (former->stamp != file.stamp || former->path != file.path) return false;
+        if (last != nullptr && *last == file.path) return false;
+        last = &file.path;
+        ++former;
+    }
+    return true;
+}
+
 std::list<ConfigMonitor::NotifyInfo> ConfigMonitor::Compare(const std::list<FileInfo>& previous,
                                                             const std::list<FileInfo>& found) {
-    struct Known {
-        uint64_t stamp;
-        bool seen;
-    };
-    std::map<std::string, Known> index;
-    for (const FileInfo& file : previous) index[file.path] = Known{file.stamp, false};
+    FileIndex index(previous);
     std::list<NotifyInfo> changes;
     for (const FileInfo& file : found) {
-        const auto known = index.find(file.path);
-        if (known == index.end()) {
+        FileIndex::Known* const known = index.Find(file.path);
+        if (known == nullptr) {
             changes.push_back(NotifyInfo{file.path, kAdded});
             continue;
         }
-        known->second.seen = true;
-        if (known->second.stamp != file.stamp) changes.push_back(NotifyInfo{file.path, kChanged});
+        known->seen = true;
+        if (known->file->stamp != file.stamp) changes.push_back(NotifyInfo{file.path, kChanged});
     }
-    for (const auto& known : index) {
-        if (!known.second.seen) changes.push_back(NotifyInfo{known.first, kDeleted});
+    for (const FileIndex::Known& known : index.known()) {
+        if (!known.seen) changes.push_back(NotifyInfo{known.file->path, kDeleted});
     }
     return changes;
 }
@@ -165,63 +210,61 @@ std::list<ConfigMonitor::NotifyInfo> ConfigMonitor::Compare(const std::list<File
 bool ConfigMonitor::FindConfigFileInFolder(const std::string& folder,
                                            const std::string& config_filename,
                                            std::list<FileInfo>& found) {
-    FolderQueue queue(1);
-    queue[0].path = NormalizePath(folder);
-    for (size_t at = 0; at < queue.size(); ++at) {
-        if (stopping_.load() || !ListFolder(queue, at, config_filename, found)) {
+    // Of a failed scan nothing is kept: it may have come to the largest number of folders.
+    struct Undo {
+        FolderQueue* queue;
+        std::list<FileInfo>& found;
+        ~Undo() {
+            if (queue == nullptr) return;
+            queue->Free();
             found.clear();
-            return false;
         }
+    } undo{&queue_, found};
+    queue_.Begin(folder);
+    for (size_t at = 0; at < queue_.size(); ++at) {
+        if (stopping_.load() || !ListFolder(at, config_filename, found)) return false;
     }
+    undo.queue = nullptr;
     return true;
 }
 
 // Takes the list files of one folder and queues its folders.
-bool ConfigMonitor::ListFolder(FolderQueue& queue, size_t at, const std::string& config_filename,
+bool ConfigMonitor::ListFolder(size_t at, const std::string& config_filename,
                                std::list<FileInfo>& found) {
-    const std::string path = queue[at].path;
-    void* const directory = TOVA_OpenDir(path.c_str());
+    queue_.PathOf(at, folder_path_);
+    void* const directory = TOVA_OpenDir(folder_path_.c_str());
     if (directory == nullptr) {
         const int error = TOVA_GetSystemLastError();
-        LOG_FORMAT(kError, "tova open dir failed {0}/{0:X}, folder path {1}", error, path);
+        LOG_FORMAT(kError, "tova open dir failed {0}/{0:X}, folder path {1}", error, folder_path_);
         return false;
     }
     const DirectoryCloser closer{directory};
     tova_dirent_t entry;
     while (TOVA_FindFileInDir(directory, &entry) == 0) {
         if (entry.type == TOVA_DIRENT_FILE && config_filename == entry.name) {
-            found.push_back(FileInfo{NormalizePath(path + "/" + config_filename), entry.stamp});
+            found.push_back(
+                FileInfo{queue_.PathOfFile(at, folder_path_, config_filename), entry.stamp});
             continue;
         }
         if (entry.type != TOVA_DIRENT_FOLDER || IsParentName(entry.name)) continue;
-        if (IsOwnName(entry.name)) {
-            queue[at].volume = entry.volume;
-            queue[at].file_id = entry.file_id;
-            continue;
-        }
-        if (!CanBeExpressed(entry.name) || IsOwnAncestor(queue, at, entry.volume, entry.file_id))
-            continue;
-        if (queue.size() >= kMaxQueuedFolders) {
-            process::SetErrorTooManyFolders();
-            const int error = TOVA_GetSystemLastError();
-            LOG_FORMAT(kError, "tova open dir failed {0}/{0:X}, folder path {1}", error, path);
+        if (IsOwnName(entry.name))
+            queue_.SetIdentity(at, entry.volume, entry.file_id);
+        else if (!QueueFolder(at, entry.name, entry.volume, entry.file_id))
             return false;
-        }
-        QueuedFolder next;
-        next.path = NormalizePath(path + "/" + entry.name);
-        next.parent = at;
-        next.volume = entry.volume;
-        next.file_id = entry.file_id;
-        queue.push_back(next);
     }
     return true;
 }
 
-// Whether the folder is the one at this place of the queue or one above it on the walked path.
-bool ConfigMonitor::IsOwnAncestor(const FolderQueue& queue, size_t at, uint64_t volume,
-                                  uint64_t file_id) {
-    for (; at != QueuedFolder::kNoParent; at = queue[at].parent) {
-        if (queue[at].volume == volume && queue[at].file_id == file_id) return true;
+// False: there are too many.
+bool ConfigMonitor::QueueFolder(size_t parent, const char* name, uint64_t volume,
+                                uint64_t file_id) {
+    if (!CanBeExpressed(name) || queue_.IsOwnAncestor(parent, volume, file_id)) return true;
+    if (queue_.size() >= kMaxQueuedFolders) {
+        process::SetErrorTooManyFolders();
+        const int error = TOVA_GetSystemLastError();
+        LOG_FORMAT(kError, "tova open dir failed {0}/{0:X}, folder path {1}", error, folder_path_);
+        return false;
     }
-    return false;
+    queue_.Add(parent, name, volume, file_id);
+    return true;
 }

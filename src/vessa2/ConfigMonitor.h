@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <list>
 #include <string>
-#include <vector>
 
 #include "common/Delegate.h"
 #include "common/Timer.h"
+#include "vessa2/FolderQueue.h"
 
 // Finds every list file below the plug-in root, once at the start and then every 30 seconds,
 // and hands the differences between two scans to one receiver. It knows nothing of the files'
@@ -64,14 +64,10 @@ class ConfigMonitor {
     void AskToEnd(unsigned int wait_ms) { timer_.AskToEnd(wait_ms); }
 
   private:
-    struct QueuedFolder;
-    using FolderQueue = std::vector<QueuedFolder>;
-
     bool Scan(std::list<NotifyInfo>& changes);
-    bool ListFolder(FolderQueue& queue, size_t at, const std::string& config_filename,
-                    std::list<FileInfo>& found);
-    static bool IsOwnAncestor(const FolderQueue& queue, size_t at, uint64_t volume,
-                              uint64_t file_id);
+    bool ListFolder(size_t at, const std::string& config_filename, std::list<FileInfo>& found);
+    bool QueueFolder(size_t parent, const char* name, uint64_t volume, uint64_t file_id);
+    static bool AreTheSame(const std::list<FileInfo>& previous, const std::list<FileInfo>& found);
     static std::list<NotifyInfo> Compare(const std::list<FileInfo>& previous,
                                          const std::list<FileInfo>& found);
     void Deliver(const std::list<NotifyInfo>& changes);
@@ -79,6 +75,8 @@ class ConfigMonitor {
     std::string plugin_root_;
     std::string config_filename_;
     std::list<FileInfo> previous_files_;
+    FolderQueue queue_;  // with folder_path_: a scan's own, kept for their memory
+    std::string folder_path_;
     Receiver receiver_;
     Timer timer_;
     std::atomic<bool> started_{false};

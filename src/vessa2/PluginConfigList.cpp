@@ -2,13 +2,16 @@
 
 #include <tinyxml.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <cstring>
 #include <ostream>
+#include <string_view>
 
 #include "common/MessageFormat.h"
 #include "common/XmlLimits.h"
 #include "process/Process.h"
 #include "tova.h"
+#include "vessa2/PluginListOrigin.h"
 
 namespace {
 
@@ -17,81 +20,105 @@ constexpr size_t kMaxListFileSize = 0x100000;
 // The parser reads on behind the end of a text that is cut inside a multi-byte character.
 constexpr size_t kParserPadding = 8;
 
-std::string StripBlanks(const std::string& text) {
-    const size_t first = text.find_first_not_of(' ');
-    if (first == std::string::npos) return std::string();
-    return text.substr(first, text.find_last_not_of(' ') - first + 1);
+bool IsTrue(std::string_view value) {
+    return value.substr(0, 4) == "true";
 }
 
-// Null when the element has no such attribute.
-const char* FindAttribute(const TiXmlElement& element, const char* name) {
-    const std::string wanted = name;
-    for (const TiXmlAttribute* attribute = element.FirstAttribute(); attribute != nullptr;
-         attribute = attribute->Next()) {
-        if (wanted == attribute->Name()) return attribute->Value();
+// The elements of one document, each in its turn.
+class ElementReader {
+  public:
+    explicit ElementReader(PluginListOrigin* origin) : origin_(origin) {
+        declaration_.attributes.reserve(kUsualAttributes);
+        if (origin != nullptr) declaration_.config_file_path = origin->config_file_path();
+    }
+
+    // False: the element declares nothing.
+    bool Read(const TiXmlElement& element);
+    // What was read last, as long as its element lives.
+    const PluginDeclaration& declaration() const { return declaration_; }
+
+  private:
+    static constexpr size_t kUsualAttributes = 8;
+
+    // What is read of an element. Without data where it has no such attribute.
+    struct Values {
+        std::string_view fkey;
+        std::string_view file;
+        std::string_view delay_load;
+        std::string_view load_fkeys;
+    };
+    static std::string_view* ValueOf(Values& values, std::string_view name);
+    void ReadAttributes(const TiXmlElement& element);
+
+    PluginListOrigin* const origin_;
+    PluginDeclaration declaration_;
+    Values values_;
+};
+
+// Null: the attribute is only kept. By the length first, for this is asked for every attribute
+// of every list.
+std::string_view* ElementReader::ValueOf(Values& values, std::string_view name) {
+    if (name.size() == 4) {
+        if (std::memcmp(name.data(), "fkey", 4) == 0) return &values.fkey;
+        if (std::memcmp(name.data(), "file", 4) == 0) return &values.file;
+    } else if (name.size() == 9) {
+        if (std::memcmp(name.data(), "delayload", 9) == 0) return &values.delay_load;
+        if (std::memcmp(name.data(), "loadfkeys", 9) == 0) return &values.load_fkeys;
     }
     return nullptr;
 }
 
-std::string AttributeText(const TiXmlElement& element, const char* name) {
-    const char* const value = FindAttribute(element, name);
-    return StripBlanks(value != nullptr ? value : "");
+void ElementReader::ReadAttributes(const TiXmlElement& element) {
+    values_ = Values();
+    declaration_.attributes.clear();
+    for (const TiXmlAttribute* attribute = element.FirstAttribute(); attribute != nullptr;
+         attribute = attribute->Next()) {
+        // A value ends at a zero byte, which a reference in it may stand for.
+        const PluginAttribute found{attribute->NameTStr(), attribute->Value()};
+        declaration_.attributes.push_back(found);
+        if (std::string_view* const value = ValueOf(values_, found.name)) *value = found.value;
+    }
 }
 
-bool IsTrue(const char* value) {
-    return std::string(value).compare(0, 4, "true") == 0;
-}
-
-// False: the element declares nothing. delay_load holds the value of the element before it.
-bool ReadItem(const TiXmlElement& element, bool& delay_load, PluginConfigItem& item) {
-    item.fkey = AttributeText(element, "fkey");
-    if (item.fkey.empty()) {
+bool ElementReader::Read(const TiXmlElement& element) {
+    ReadAttributes(element);
+    declaration_.fkey = StripBlanks(values_.fkey);
+    if (declaration_.fkey.empty()) {
         LOG_PLAIN(kWarning, "invalid item, fkey should not be empty");
         return false;
     }
-    item.file_path = AttributeText(element, "file");
-    if (item.file_path.empty()) {
-        LOG_FORMAT(kWarning, "invalid item, file should not be empty, fkey {0}", item.fkey);
+    const std::string_view file = StripBlanks(values_.file);
+    if (file.empty()) {
+        LOG_FORMAT(kWarning, "invalid item, file should not be empty, fkey {0}",
+                   std::string(declaration_.fkey));
         return false;
     }
+    declaration_.file_path = origin_ != nullptr ? std::string_view(origin_->Finish(file)) : file;
     // Kept: an element without "delayload" takes the value of the one before it.
-    if (const char* const value = FindAttribute(element, "delayload")) delay_load = IsTrue(value);
-    item.delay_load = delay_load;
-    const char* const load_fkeys = FindAttribute(element, "loadfkeys");
-    item.load_fkeys = load_fkeys != nullptr && IsTrue(load_fkeys);
-    for (const TiXmlAttribute* attribute = element.FirstAttribute(); attribute != nullptr;
-         attribute = attribute->Next()) {
-        item.attributes[attribute->Name()] = attribute->Value();
-    }
+    if (values_.delay_load.data() != nullptr) declaration_.delay_load = IsTrue(values_.delay_load);
+    declaration_.load_fkeys = IsTrue(values_.load_fkeys);
     return true;
 }
 
-struct FileCloser {
-    FILE* file;
-    ~FileCloser() { std::fclose(file); }
-};
-
 // Reads the open file; false leaves text to be cleared by the caller.
-bool ReadOpenFile(FILE* file, std::string& text, size_t max_size) {
-    const int64_t size = process::SeekToEnd(file);
-    if (size < 0) return false;
+bool ReadOpenFile(process::RegularFile& file, std::string& text, size_t max_size) {
+    const int64_t size = file.size();
     if (static_cast<uint64_t>(size) >= max_size) {
         process::SetErrorFileTooLarge();
         return false;
     }
     if (size == 0) return true;
-    if (std::fseek(file, 0, SEEK_SET) != 0) return false;
     const size_t wanted = static_cast<size_t>(size);
-    text.resize(wanted);
-    if (std::fread(&text[0], 1, wanted, file) != wanted) {
-        if (std::ferror(file) == 0) process::SetErrorFileChanged();
-        return false;
-    }
+    text.reserve(wanted + kParserPadding);
+    text.resize(wanted + 1);
+    const int64_t read = file.ReadWhole(&text[0], wanted);
+    if (read < 0) return false;
     // Half of what somebody is still writing is no list.
-    if (std::fgetc(file) != EOF) {
+    if (read != size) {
         process::SetErrorFileChanged();
         return false;
     }
+    text.resize(wanted);
     const size_t zero = text.find('\0');
     if (zero != std::string::npos) text.resize(zero);
     return true;
@@ -101,15 +128,24 @@ bool ReadOpenFile(FILE* file, std::string& text, size_t max_size) {
 
 bool ReadTextFile(const std::string& path, std::string& text, size_t max_size) {
     if (path.empty()) return false;
-    FILE* const file = process::OpenRegularFile(path.c_str());
-    if (file == nullptr) return false;
-    const FileCloser closer{file};
+    process::RegularFile file;
+    if (!file.Open(path.c_str())) return false;
     if (ReadOpenFile(file, text, max_size)) return true;
     text.clear();
     return false;
 }
 
-bool PluginConfigList::ParseXmlFile(const std::string& file_path) {
+std::string_view StripBlanks(std::string_view text) {
+    while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+    while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+    return text;
+}
+
+void PluginConfigList::MakeRoom(size_t more) {
+    if (capacity() - size() < more) reserve(std::max(size() + more, size() * 2));
+}
+
+bool PluginConfigList::ParseXmlFile(const std::string& file_path, PluginListOrigin* origin) {
     LOG_FORMAT(kInformation, "param file_path = {0}", file_path);
     if (file_path.empty()) {
         LOG_PLAIN(kError, "param file_path should not be empty");
@@ -126,17 +162,28 @@ bool PluginConfigList::ParseXmlFile(const std::string& file_path) {
         return false;
     }
     LOG_FORMAT(kDebug, "file path {0}, config {1}", file_path, text);
-    return ParseXmlString(text);
+    LOG_FORMAT(kDebug, "param xml = {0}", text);
+    return ParseText(text, origin);
 }
 
-bool PluginConfigList::ParseXmlString(const std::string& xml) {
+bool PluginConfigList::ParseXmlString(const std::string& xml, PluginListOrigin* origin) {
     LOG_FORMAT(kDebug, "param xml = {0}", xml);
+    std::string text = xml.c_str();
+    return ParseText(text, origin);
+}
+
+// Leaves the text as it was; its capacity has room for the padding when it comes from a file.
+bool PluginConfigList::ParseText(std::string& xml, PluginListOrigin* origin) {
     TiXmlDocument document;
-    std::string parsed = xml.c_str();
-    const char* refusal = CheckXmlLimits(parsed);
+    // Nobody asks at which line and column something stands, and with a tab size of 0 the parser
+    // does not look at every byte a second time to know it.
+    document.SetTabSize(0);
+    const char* refusal = CheckXmlLimits(xml);
     if (refusal == nullptr) {
-        parsed.append(kParserPadding, '\0');
-        document.Parse(parsed.c_str(), nullptr, TIXML_ENCODING_UNKNOWN);
+        const size_t length = xml.size();
+        xml.append(kParserPadding, '\0');
+        document.Parse(xml.c_str(), nullptr, TIXML_ENCODING_UNKNOWN);
+        xml.resize(length);
         if (document.Error()) refusal = document.ErrorDesc();
     }
     if (refusal != nullptr) {
@@ -149,11 +196,10 @@ bool PluginConfigList::ParseXmlString(const std::string& xml) {
         LOG_PLAIN(kError, "section vessa does not exist");
         return false;
     }
-    bool delay_load = false;
+    ElementReader reader(origin);
     for (const TiXmlElement* element = section->FirstChildElement("plugin"); element != nullptr;
          element = element->NextSiblingElement("plugin")) {
-        PluginConfigItem item;
-        if (ReadItem(*element, delay_load, item)) push_back(item);
+        if (reader.Read(*element)) emplace_back(reader.declaration());
     }
     return true;
 }
@@ -163,9 +209,9 @@ void AppendLogText(std::string& output, const PluginConfigList& list) {
     const char* separator = "";
     for (const PluginConfigItem& item : list) {
         output += separator;
-        output.append("{fkey:").append(item.fkey);
-        output.append(", file_path:").append(item.file_path);
-        output.append(", delay_load:").append(item.delay_load ? "1" : "0").append("}");
+        output.append("{fkey:").append(item.fkey());
+        output.append(", file_path:").append(item.file_path());
+        output.append(", delay_load:").append(item.delay_load() ? "1" : "0").append("}");
         separator = ", ";
     }
     output += ']';

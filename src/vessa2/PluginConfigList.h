@@ -3,32 +3,34 @@
 
 #include <cstddef>
 #include <iosfwd>
-#include <list>
-#include <map>
 #include <string>
+#include <vector>
 
-// One declared plug-in, copied by value wherever it is stored.
-struct PluginConfigItem {
-    std::string fkey;       // never empty in a parsed list
-    std::string file_path;  // never empty in a parsed list; made absolute by the coordinator
-    bool delay_load = false;
-    bool load_fkeys = false;
-    std::string config_file_path;  // filled in by the coordinator
-    // Every attribute of the element with its value as the parser decodes it.
-    std::map<std::string, std::string> attributes;
-};
+#include "vessa2/PluginConfigItem.h"
+
+class PluginListOrigin;
 
 // The items of one list file in document order. Two elements with the same fkey are two items.
 //
 // Thread safety: none; whoever shares a list guards it.
-class PluginConfigList : public std::list<PluginConfigItem> {
+class PluginConfigList : public std::vector<PluginConfigItem> {
   public:
     // Read a file, or a text, into this list. False: the reason is in the log, and the list is
     // as it was, or empty if the text was well formed without being a plug-in list. No memory
-    // is reported by std::bad_alloc.
-    bool ParseXmlFile(const std::string& file_path);
-    bool ParseXmlString(const std::string& xml);
+    // is reported by std::bad_alloc. Without an origin the items have the paths of their modules
+    // as they are written, and no list file's.
+    bool ParseXmlFile(const std::string& file_path, PluginListOrigin* origin = nullptr);
+    bool ParseXmlString(const std::string& xml, PluginListOrigin* origin = nullptr);
+
+    // Makes room for so many more items: appending them does not fail then.
+    void MakeRoom(size_t more);
+
+  private:
+    bool ParseText(std::string& xml, PluginListOrigin* origin);
 };
+
+// Without the blanks at both ends.
+std::string_view StripBlanks(std::string_view text);
 
 // "[{fkey:a, file_path:/p/a.so, delay_load:1}, …]"
 void AppendLogText(std::string& output, const PluginConfigList& list);

@@ -4,29 +4,18 @@
 
 #include "common/Contain.h"
 #include "common/MessageFormat.h"
-#include "common/NormalizePath.h"
+#include "vessa2/PluginListOrigin.h"
 
 namespace {
 
-std::string RegistrationKey(const PluginConfigItem& item) {
-    return item.fkey + "_" + item.config_file_path;
-}
-
-bool StartsWith(const std::string& text, const char* prefix) {
-    return text.rfind(prefix, 0) == 0;
-}
-
-// A path that begins with "./" or "../" against a folder that ends in "/". Empty when it climbs
-// above the first folder.
-std::string ResolvePath(const std::string& folder, const std::string& relative) {
-    std::string base = folder.substr(0, folder.size() - 1);
-    size_t at = StartsWith(relative, "./") ? 2 : 0;
-    for (; relative.compare(at, 3, "../") == 0; at += 3) {
-        const size_t slash = base.rfind('/');
-        if (slash == std::string::npos) return std::string();
-        base.resize(slash);
+// The texts are those of the list: items have only what became of them.
+void LogResolvedPaths(const PluginConfigList& list, const PluginListOrigin& origin) {
+    for (const PluginConfigItem& item : list) {
+        const std::string_view file = StripBlanks(item.FindAttribute("file"));
+        if (!PluginListOrigin::IsRelative(file)) continue;
+        LOG_FORMAT(kTrace, "Absolute_path={0}, current_path={1}", origin.Resolve(file),
+                   origin.folder());
     }
-    return base + "/" + relative.substr(at);
 }
 
 }  // namespace
@@ -134,175 +123,127 @@ bool PluginCoordinator::Shutdown() {
 // Empties the tables first: modules run meanwhile and may come back in here, and nothing may
 // be left if the thread is cancelled in one of them. A stop allocates nothing.
 void PluginCoordinator::UnregisterAll() {
-    std::map<std::string, RegisteredRecord> records;
-    records.swap(registered_);
-    unregistered_.clear();
-    not_entered_.clear();
-    not_taken_out_.clear();
-    for (const auto& entry : records) {
-        if (!entry.second.registered) continue;
-        const PluginConfigItem& item = entry.second.item;
+    const std::vector<RegistrationTable::Record> records = registered_.TakeAll();
+    PluginConfigList().swap(not_entered_);
+    for (const RegistrationTable::Record& record : records) {
+        if (record.state != RegistrationTable::Record::kRegistered) continue;
+        const PluginConfigItem& item = record.item;
         int failure = 0;
-        if (!Contain([&] { failure = provider_.UnregisterPlugin(item.fkey); })) continue;
+        if (!Contain([&] { failure = provider_.UnregisterPlugin(item.fkey()); })) continue;
         if (failure != 0)
             LOG_FORMAT(
                 kWarning,
                 "unregister plugin failed {0}/{0:X}, fkey {1}, file path {2}, delay load {3}",
-                failure, item.fkey, item.file_path, item.delay_load);
+                failure, item.fkey(), item.file_path(), item.delay_load());
         else
             LOG_FORMAT(kInformation,
                        "unregister plugin succeeded, fkey {0}, file path {1}, delay load {2}",
-                       item.fkey, item.file_path, item.delay_load);
+                       item.fkey(), item.file_path(), item.delay_load());
     }
 }
 
 bool PluginCoordinator::ReadPluginList(const std::string& config_file_path,
                                        PluginConfigList& list) {
     LOG_FORMAT(kDebug, "param config_file_path = {0}", config_file_path);
-    if (!list.ParseXmlFile(config_file_path)) {
+    PluginListOrigin origin(config_file_path);
+    if (!list.ParseXmlFile(config_file_path, &origin)) {
         LOG_FORMAT(kError, "read plugin list failed, config file path {0}", config_file_path);
         return false;
     }
-    const std::string folder = FolderOf(NormalizePath(config_file_path)) + "/";
-    for (PluginConfigItem& item : list) {
-        // Kept: every other relative form is relative to the working folder.
-        if (StartsWith(item.file_path, "./") || StartsWith(item.file_path, "../")) {
-            item.file_path = ResolvePath(folder, item.file_path);
-            LOG_FORMAT(kTrace, "Absolute_path={0}, current_path={1}", item.file_path, folder);
-        }
-        item.file_path = NormalizePath(item.file_path);
-        item.config_file_path = config_file_path;
-    }
+    if (LogEnabled(kTrace)) LogResolvedPaths(list, origin);
     LOG_FORMAT(kDebug, "read plugin list succeeded", config_file_path, list);
     return true;
 }
 
 void PluginCoordinator::RegisterPluginList(const PluginConfigList& list) {
-    PluginConfigList own = list;
-    PluginConfigList left_over;
-    RegisterItems(own, left_over);
-}
-
-// What there is no memory for goes from the list to left_over.
-void PluginCoordinator::RegisterItems(PluginConfigList& list, PluginConfigList& left_over) {
     TOVA_MutexGuard guard(mutex_);
-    for (auto next = list.begin(); next != list.end();) {
-        const auto item = next++;
-        try {
-            EnterItem(*item);
-        } catch (const std::bad_alloc&) {
-            left_over.splice(left_over.end(), list, item);
-        }
-    }
+    EnterItems(list);
     RegisterPending();
 }
 
-void PluginCoordinator::EnterItem(const PluginConfigItem& item) {
-    const std::string key = RegistrationKey(item);
-    const auto found = registered_.find(key);
-    if (found != registered_.end()) {
-        const PluginConfigItem& stored = found->second.item;
+// False: there is no memory for it, and nothing was entered.
+bool PluginCoordinator::EnterItems(const PluginConfigList& list) {
+    const auto report = [](const PluginConfigItem& item, const PluginConfigItem& stored) {
         LOG_FORMAT(
             kWarning,
             "plugin config conflict, fkey {0}, file path {1}, config file path {2}, registered "
             "fkey {3}, registered file path {4}, config file path {5}",
-            item.fkey, item.file_path, item.config_file_path, stored.fkey, stored.file_path,
-            stored.config_file_path);
-        return;
-    }
-    const RegisteredRecord record{item, false};
-    unregistered_.insert(key);
+            item.fkey(), item.file_path(), item.config_file_path(), stored.fkey(),
+            stored.file_path(), stored.config_file_path());
+    };
     try {
-        registered_.emplace(key, record);
+        registered_.Enter(list, report);
+        return true;
     } catch (const std::bad_alloc&) {
-        unregistered_.erase(key);
-        throw;
+        return false;
     }
 }
 
-// Every record that is not registered, in key order; one that is refused again stays.
+// Every record that is not registered, in key order; one that is refused again stays, and so
+// does one that there is no memory for.
 void PluginCoordinator::RegisterPending() {
-    std::string key;
-    for (auto next = unregistered_.begin(); next != unregistered_.end();
-         next = unregistered_.upper_bound(key)) {
-        key = *next;
+    RegistrationTable::Place place;
+    while (registered_.Next(place)) {
         try {
-            RegisterRecord(key);
-        } catch (const std::bad_alloc&) {
-            // It stays unregistered and is tried again with the next change.
+            RegisterRecord(place);
+        } catch (...) {
+            LetForcedUnwindingPass();
         }
     }
 }
 
-void PluginCoordinator::RegisterRecord(const std::string& key) {
-    const PluginConfigItem item = registered_.at(key).item;
-    const int failure = provider_.RegisterPlugin(item.fkey, item.file_path, item.delay_load);
+void PluginCoordinator::RegisterRecord(const RegistrationTable::Place& place) {
+    const PluginConfigItem& item = place.item;
+    const int failure = provider_.RegisterPlugin(item.fkey(), item.file_path(), item.delay_load());
     if (failure != 0) {
         LOG_FORMAT(
             kError,
             "register plugin failed {0}/{0:X}, fkey {1}, file path {2}, delay load {3}, config "
             "file path {4}",
-            failure, item.fkey, item.file_path, item.delay_load, item.config_file_path);
+            failure, item.fkey(), item.file_path(), item.delay_load(), item.config_file_path());
         return;
     }
     LOG_FORMAT(
         kInformation,
         "register plugin succeeded, fkey {0}, file path {1}, delay load {2}, config file path "
         "{3}",
-        item.fkey, item.file_path, item.delay_load, item.config_file_path);
-    const auto record = registered_.find(key);
-    if (record != registered_.end()) record->second.registered = true;
-    unregistered_.erase(key);
+        item.fkey(), item.file_path(), item.delay_load(), item.config_file_path());
+    registered_.MarkRegistered(place);
 }
 
 void PluginCoordinator::UnregisterPluginList(const PluginConfigList& list) {
-    PluginConfigList own = list;
-    PluginConfigList left_over;
-    UnregisterItems(own, left_over);
-}
-
-// A record that there is no memory to take out stays, as its plug-in does, and its item goes
-// to left_over.
-void PluginCoordinator::UnregisterItems(PluginConfigList& list, PluginConfigList& left_over) {
     TOVA_MutexGuard guard(mutex_);
-    for (auto next = list.begin(); next != list.end();) {
-        const auto item = next++;
+    for (const PluginConfigItem& item : list) {
         try {
-            UnregisterItem(*item);
-        } catch (const std::bad_alloc&) {
-            left_over.splice(left_over.end(), list, item);
+            UnregisterItem(item);
+        } catch (...) {
+            LetForcedUnwindingPass();
         }
     }
+    registered_.Tidy();
 }
 
 void PluginCoordinator::UnregisterItem(const PluginConfigItem& listed) {
-    const std::string key = RegistrationKey(listed);
-    const auto taken = registered_.extract(key);
-    if (taken.empty()) return;
-    unregistered_.erase(key);
-    if (taken.mapped().registered) {
-        const PluginConfigItem& item = taken.mapped().item;
-        const int failure = provider_.UnregisterPlugin(item.fkey);
-        if (failure != 0)
-            LOG_FORMAT(
-                kError,
-                "unregister plugin failed {0}/{0:X}, fkey {1}, file path {2}, config file path "
-                "{3}",
-                failure, item.fkey, item.file_path, item.config_file_path);
-        else
-            LOG_FORMAT(
-                kInformation,
-                "unregister plugin succeeded, fkey {0}, file path {1}, delay load {2}, config "
-                "file path {3}",
-                item.fkey, item.file_path, item.delay_load, item.config_file_path);
-    }
+    PluginConfigItem item;
+    bool was_registered = false;
+    if (!registered_.TakeOut(listed, item, was_registered) || !was_registered) return;
+    if (const int failure = provider_.UnregisterPlugin(item.fkey()))
+        LOG_FORMAT(kError,
+                   "unregister plugin failed {0}/{0:X}, fkey {1}, file path {2}, config file path "
+                   "{3}",
+                   failure, item.fkey(), item.file_path(), item.config_file_path());
+    else
+        LOG_FORMAT(kInformation,
+                   "unregister plugin succeeded, fkey {0}, file path {1}, delay load {2}, config "
+                   "file path {3}",
+                   item.fkey(), item.file_path(), item.delay_load(), item.config_file_path());
 }
 
 bool PluginCoordinator::FindPluginConfig(const char* fkey, PluginConfigItem& item) {
     TOVA_MutexGuard guard(config_mutex_);
     for (const auto& entry : config_collection_) {
         for (const PluginConfigItem& candidate : entry.second) {
-            if (candidate.fkey != fkey) continue;
+            if (candidate.fkey() != fkey) continue;
             item = candidate;
             return true;
         }
@@ -319,6 +260,6 @@ void PluginCoordinator::GetAllPluginConfigs(PluginConfigList& all) {
 void PluginCoordinator::GetAllFkeys(std::vector<std::string>& fkeys) {
     TOVA_MutexGuard guard(config_mutex_);
     for (const auto& entry : config_collection_) {
-        for (const PluginConfigItem& item : entry.second) fkeys.push_back(item.fkey);
+        for (const PluginConfigItem& item : entry.second) fkeys.push_back(item.fkey());
     }
 }

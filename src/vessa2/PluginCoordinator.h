@@ -3,7 +3,6 @@
 #include <atomic>
 #include <list>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include "vessa2/ConfigMonitor.h"
 #include "vessa2/PluginConfigList.h"
 #include "vessa2/PluginProvider.h"
+#include "vessa2/RegistrationTable.h"
 
 // Turns list files into registrations, at the start and with every change that the monitor
 // reports.
@@ -21,8 +21,8 @@
 // queries on any thread. The monitor is stopped, and its thread joined, with the coordinator's
 // mutex free: a change round in progress takes it.
 // Invariants: config_collection_ holds the last list that was read from each known file, and
-// only there are items shared with the queries. A key is in unregistered_ exactly when its
-// record is in registered_ and not registered.
+// only there are lists shared with the queries. At most one round of changes runs at a time, so
+// that what not_entered_ needs room for only shrinks from a round's begin to its end.
 class PluginCoordinator {
   public:
     PluginCoordinator() = default;
@@ -48,7 +48,7 @@ class PluginCoordinator {
     // The first item of that fkey, in the byte order of the files' paths; also one whose
     // registration was refused.
     bool FindPluginConfig(const char* fkey, PluginConfigItem& item);
-    // Appends a copy of every item, in the same order.
+    // Appends every item, in the same order.
     void GetAllPluginConfigs(PluginConfigList& all);
     // Only their fkeys.
     void GetAllFkeys(std::vector<std::string>& fkeys);
@@ -66,28 +66,26 @@ class PluginCoordinator {
     void AskToEnd(unsigned int wait_ms) { monitor_.AskToEnd(wait_ms); }
 
   private:
-    struct RegisteredRecord {
-        PluginConfigItem item;
-        bool registered = false;
+    // What the changes of one round come to.
+    struct Round {
+        PluginConfigList to_register;
+        PluginConfigList to_unregister;
+        size_t left_over = 0;  // items of earlier rounds that to_register has room for besides
     };
 
     bool StartMonitor();
     void UnregisterAll() REQUIRES(mutex_);
-    void EnterItem(const PluginConfigItem& item) REQUIRES(mutex_);
+    bool EnterItems(const PluginConfigList& list) REQUIRES(mutex_);
     void RegisterPending() REQUIRES(mutex_);
-    void RegisterRecord(const std::string& key) REQUIRES(mutex_);
-    void RegisterItems(PluginConfigList& list, PluginConfigList& left_over);
-    void UnregisterItems(PluginConfigList& list, PluginConfigList& left_over);
-    void UnregisterItem(const PluginConfigItem& item) REQUIRES(mutex_);
+    void RegisterRecord(const RegistrationTable::Place& place) REQUIRES(mutex_);
+    void UnregisterItem(const PluginConfigItem& listed) REQUIRES(mutex_);
 
-    void CollectChange(const ConfigMonitor::NotifyInfo& change, PluginConfigList& to_register,
-                       PluginConfigList& to_unregister);
+    size_t CountLeftOvers();
+    void CollectChange(const ConfigMonitor::NotifyInfo& change, Round& round);
     void CollectList(const std::string& path, int32_t type, const PluginConfigList& stored,
-                     PluginConfigList& to_register, PluginConfigList& to_unregister);
-    void TakeUpLeftOvers(PluginConfigList& to_register, PluginConfigList& to_unregister)
-        REQUIRES(mutex_);
-    void ApplyChanges(PluginConfigList& to_register, PluginConfigList& to_unregister)
-        REQUIRES(mutex_);
+                     Round& round);
+    void TakeUpLeftOvers(Round& round) REQUIRES(mutex_);
+    void ApplyChanges(Round& round) REQUIRES(mutex_);
     void AppendMappedFkeys(const PluginConfigItem& item, PluginConfigList& mapped);
 
     bool FindStoredList(const std::string& path, PluginConfigList& list);
@@ -98,11 +96,9 @@ class PluginCoordinator {
     PluginProvider provider_;
     ConfigMonitor monitor_;
     std::map<std::string, PluginConfigList> config_collection_ GUARDED_BY(config_mutex_);
-    std::map<std::string, RegisteredRecord> registered_ GUARDED_BY(mutex_);
-    std::set<std::string> unregistered_ GUARDED_BY(mutex_);
+    RegistrationTable registered_ GUARDED_BY(mutex_);
     // Items that a round had no memory for. The next round begins with them.
     PluginConfigList not_entered_ GUARDED_BY(mutex_);
-    PluginConfigList not_taken_out_ GUARDED_BY(mutex_);
     std::atomic<bool> running_{false};
     TOVA_Mutex run_mutex_ ACQUIRED_AFTER(lock_order::run) ACQUIRED_BEFORE(lock_order::coordinator);
     // Re-entrant on purpose: Run holds it while the first scan's changes take it again.

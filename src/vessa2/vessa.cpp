@@ -4,6 +4,7 @@
 
 #include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/CallContext.h"
@@ -185,12 +186,12 @@ int VESSA_QueryConfigAttribute(const char* fkey, const char* attribute_name, cha
             LOG_PLAIN(kError, "query config fkey failed, fkey[0]");
             return VESSA_FAILED;
         }
-        const auto found = item.attributes.find(attribute_name);
-        if (found == item.attributes.end()) {
+        const std::string_view found = item.FindAttribute(attribute_name);
+        if (found.data() == nullptr) {
             LOG_PLAIN(kError, "query config attribute_name failed, fkey[0], attribute_name[1]");
             return VESSA_FAILED;
         }
-        const auto length = static_cast<unsigned int>(found->second.size());
+        const auto length = static_cast<unsigned int>(found.size());
         if (value != nullptr) {
             if (length > *value_len) {
                 LOG_PLAIN(kError,
@@ -198,7 +199,7 @@ int VESSA_QueryConfigAttribute(const char* fkey, const char* attribute_name, cha
                 *value_len = length;
                 return VESSA_ERR_BUFFER_TOO_SMALL;
             }
-            TOVA_Strncpy(value, found->second.c_str(), *value_len);
+            TOVA_Strncpy(value, found.data(), *value_len);
         }
         *value_len = length;
         return VESSA_OK;

@@ -14,6 +14,7 @@
 #include "support/Modules.h"
 #include "support/Runtime.h"
 #include "support/TempDir.h"
+#include "unit/ConfigItems.h"
 #include "vessa2/PluginCoordinator.h"
 
 namespace {
@@ -50,12 +51,12 @@ class AnnouncedFkeys : public testing::Test {
     }
     Strings Ask() {
         PluginConfigList list;
-        list.push_back(item_);
+        list.push_back(item_.Make());
         log_.Clear();
         mapped_.clear();
         coordinator_.StatisticsLoadFkeys(list, mapped_);
         Strings fkeys;
-        for (const PluginConfigItem& item : mapped_) fkeys.push_back(item.fkey);
+        for (const PluginConfigItem& item : mapped_) fkeys.push_back(item.fkey());
         return fkeys;
     }
 
@@ -64,18 +65,18 @@ class AnnouncedFkeys : public testing::Test {
     LogCapture log_;
     ModuleHook hook_;
     PluginCoordinator coordinator_;
-    PluginConfigItem item_;
+    vessa_test::ItemFields item_;
     PluginConfigList mapped_;
 };
 
 TEST_F(AnnouncedFkeys, AreCopiesOfTheItemUnderAnotherFkey) {
     EXPECT_EQ(Of("map_two"), (Strings{"a", "b"}));
     for (const PluginConfigItem& item : mapped_) {
-        EXPECT_FALSE(item.load_fkeys);
-        EXPECT_FALSE(item.delay_load);
-        EXPECT_EQ(item.file_path, item_.file_path);
-        EXPECT_EQ(item.config_file_path, "/list");
-        EXPECT_EQ(item.attributes, item_.attributes);
+        EXPECT_FALSE(item.load_fkeys());
+        EXPECT_FALSE(item.delay_load());
+        EXPECT_EQ(item.file_path(), item_.file_path);
+        EXPECT_EQ(item.config_file_path(), "/list");
+        EXPECT_EQ(vessa_test::AttributesOf(item), item_.attributes);
     }
     EXPECT_TRUE(log_.Is({"2 param fkey = p", "2 param fkey = p"}));
     EXPECT_EQ(hook_.Journal(),
@@ -179,11 +180,11 @@ TEST_F(AnnouncedFkeys, AModuleThatThrowsInItsSecondAnswerLeavesWhatItFilled) {
 
 TEST_F(AnnouncedFkeys, OneItemThatFailsDoesNotStopTheOthers) {
     Of("map_two");
-    PluginConfigItem unknown = item_;
+    vessa_test::ItemFields unknown = item_;
     unknown.fkey = "unknown";
     PluginConfigList list;
-    list.push_back(unknown);
-    list.push_back(item_);
+    list.push_back(unknown.Make());
+    list.push_back(item_.Make());
     log_.Clear();
     mapped_.clear();
     coordinator_.StatisticsLoadFkeys(list, mapped_);

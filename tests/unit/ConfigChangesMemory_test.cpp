@@ -22,19 +22,17 @@
 struct PluginCoordinatorAccess {
     // Whether the keys that are not registered are exactly those that are to be tried.
     static bool IsConsistent(PluginCoordinator& coordinator) NO_THREAD_SAFETY_ANALYSIS {
-        size_t unregistered = 0;
-        for (const auto& entry : coordinator.registered_) {
-            if (entry.second.registered) continue;
-            ++unregistered;
-            if (coordinator.unregistered_.count(entry.first) == 0) return false;
-        }
-        return unregistered == coordinator.unregistered_.size();
+        size_t pending = 0;
+        for (const auto& record : coordinator.registered_.records_)
+            pending += record.state == RegistrationTable::Record::kPending;
+        return pending == coordinator.registered_.pending() && coordinator.registered_.gaps_ == 0;
     }
     static std::vector<std::string> Registered(PluginCoordinator& coordinator)
         NO_THREAD_SAFETY_ANALYSIS {
         std::vector<std::string> fkeys;
-        for (const auto& entry : coordinator.registered_) {
-            if (entry.second.registered) fkeys.push_back(entry.second.item.fkey);
+        for (const auto& record : coordinator.registered_.records_) {
+            if (record.state == RegistrationTable::Record::kRegistered)
+                fkeys.push_back(record.item.fkey());
         }
         return fkeys;
     }

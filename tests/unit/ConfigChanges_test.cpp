@@ -11,6 +11,7 @@
 #include "support/Modules.h"
 #include "support/Runtime.h"
 #include "support/TempDir.h"
+#include "unit/ConfigItems.h"
 #include "vessa2/PluginCoordinator.h"
 
 namespace {
@@ -28,10 +29,7 @@ ListFile::Attributes Delayed() {
 }
 
 PluginConfigItem Item(const std::string& fkey, const std::string& path) {
-    PluginConfigItem item;
-    item.fkey = fkey;
-    item.file_path = path;
-    return item;
+    return vessa_test::ItemFields{fkey, path, false, false, "", {}}.Make();
 }
 
 PluginConfigList List(std::initializer_list<PluginConfigItem> items) {
@@ -42,7 +40,7 @@ PluginConfigList List(std::initializer_list<PluginConfigItem> items) {
 
 Strings Described(const PluginConfigList& list) {
     Strings lines;
-    for (const PluginConfigItem& item : list) lines.push_back(item.fkey + " " + item.file_path);
+    for (const PluginConfigItem& item : list) lines.push_back(item.fkey() + " " + item.file_path());
     return lines;
 }
 
@@ -191,7 +189,7 @@ TEST_F(ConfigChanges, AnFkeyCanMoveFromOneFileToAnotherInOneRound) {
                                 "register plugin succeeded, fkey x"}));
     PluginConfigItem item;
     ASSERT_TRUE(coordinator_.FindPluginConfig("x", item));
-    EXPECT_EQ(item.file_path, "/q/other" MODULE_SUFFIX);
+    EXPECT_EQ(item.file_path(), "/q/other" MODULE_SUFFIX);
 }
 
 // What was configured can be asked for, also when it could not be registered.
@@ -242,10 +240,8 @@ TEST_F(ConfigDifference, GoesByTheFkeyAndKeepsTheOrderOfEachList) {
 }
 
 TEST_F(ConfigDifference, ReportsAnotherPathAndNothingElse) {
-    PluginConfigItem changed = Item("k", "1");
-    changed.delay_load = true;
-    changed.load_fkeys = true;
-    changed.attributes["x"] = "y";
+    const PluginConfigItem changed =
+        vessa_test::ItemFields{"k", "1", true, true, "", {{"x", "y"}}}.Make();
     Compare(List({changed, Item("p", "new")}), List({Item("k", "1"), Item("p", "old")}));
     EXPECT_TRUE(added_.empty());
     EXPECT_TRUE(removed_.empty());

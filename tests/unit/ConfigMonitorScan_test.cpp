@@ -5,6 +5,7 @@
 
 #include "FileTimes.h"
 #include "TestPlatform.h"
+#include "support/Allocation.h"
 #include "support/LogCapture.h"
 #include "support/Runtime.h"
 #include "support/TempDir.h"
@@ -75,6 +76,27 @@ TEST(ConfigMonitorScan, ClosesEveryFolderThatItOpens) {
     Found(dir.Path());
     EXPECT_EQ(runtime.Calls(Tova::OpenDir), 4);
     EXPECT_EQ(runtime.Calls(Tova::CloseDir), 4);
+}
+
+// Folders, entries and paths cost nothing when they were there before.
+TEST(ConfigMonitorScan, AScanLikeTheOneBeforeAllocatesForItsFilesAlone) {
+    TempDir dir;
+    dir.Write("a/tarnet.xml", "");
+    dir.Write("b/deeper/still/tarnet.xml", "");
+    ConfigMonitor monitor;
+    const auto allocations = [&] {
+        Files files;
+        EXPECT_TRUE(monitor.FindConfigFileInFolder(dir.Path(), "tarnet.xml", files));
+        EXPECT_EQ(files.size(), 2u);
+        files.clear();
+        AllocationFailure count(0);
+        monitor.FindConfigFileInFolder(dir.Path(), "tarnet.xml", files);
+        return count.Count();
+    };
+    const long few_folders = allocations();
+    for (int i = 0; i < 200; ++i)
+        dir.Write("c/" + std::to_string(i) + "/a file of another name", "");
+    EXPECT_EQ(allocations(), few_folders);
 }
 
 TEST(ConfigMonitorStamp, StaysWhileTheFileIsNotWritten) {

@@ -4,8 +4,12 @@
 
 #include <atomic>
 #include <initializer_list>
+#include <iterator>
 #include <list>
+#include <map>
 #include <optional>
+#include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -23,6 +27,9 @@ struct ConfigMonitorAccess {
     using Files = std::list<ConfigMonitor::FileInfo>;
     static std::list<ConfigMonitor::NotifyInfo> Compare(const Files& previous, const Files& found) {
         return ConfigMonitor::Compare(previous, found);
+    }
+    static bool AreTheSame(const Files& previous, const Files& found) {
+        return ConfigMonitor::AreTheSame(previous, found);
     }
 };
 
@@ -438,6 +445,80 @@ TEST(ConfigMonitorComparison, TakesTheLaterOfTwoPreviousEntries) {
     EXPECT_EQ(Compared(Files({{"/a", 1}, {"/a", 2}}), Files({{"/a", 2}})), Lines{});
     EXPECT_EQ(Compared(Files({{"/a", 1}, {"/a", 2}}), Files({{"/a", 1}})), (Lines{"3 /a"}));
     EXPECT_EQ(Compared(Files({{"/a", 1}, {"/a", 2}}), Files({})), (Lines{"2 /a"}));
+}
+
+// With an ordered map of the former files.
+Lines Transcribed(const ConfigMonitorAccess::Files& previous,
+                  const ConfigMonitorAccess::Files& found) {
+    std::map<std::string, std::pair<uint64_t, bool>> index;
+    for (const auto& file : previous) index[file.path] = {file.stamp, false};
+    Lines lines;
+    for (const auto& file : found) {
+        const auto known = index.find(file.path);
+        if (known == index.end()) {
+            lines.push_back("1 " + file.path);
+            continue;
+        }
+        known->second.second = true;
+        if (known->second.first != file.stamp) lines.push_back("3 " + file.path);
+    }
+    for (const auto& [path, known] : index) {
+        if (!known.second) lines.push_back("2 " + path);
+    }
+    return lines;
+}
+
+TEST(ConfigMonitorComparison, FindsWhatAMapOfTheFormerFilesFinds) {
+    std::mt19937 random(17);
+    int same = 0;
+    for (int round = 0; round < 20000; ++round) {
+        ConfigMonitorAccess::Files previous;
+        for (size_t count = random() % 8; count > 0; --count)
+            previous.push_back(
+                {"/" + std::string(1, static_cast<char>('a' + random() % 8)), random() % 3});
+        if (random() % 2 == 0)
+            previous.sort([](const auto& a, const auto& b) { return a.path < b.path; });
+        ConfigMonitorAccess::Files found = previous;
+        for (size_t changes = random() % 3; changes > 0 && !found.empty(); --changes) {
+            auto at = std::next(found.begin(), static_cast<long>(random() % found.size()));
+            switch (random() % 3) {
+                case 0:
+                    found.erase(at);
+                    break;
+                case 1:
+                    found.insert(at, {"/n", random() % 3});
+                    break;
+                default:
+                    at->stamp = random() % 3;
+                    break;
+            }
+        }
+        const Lines expected = Transcribed(previous, found);
+        ASSERT_EQ(Compared(previous, found), expected) << round;
+        // Whatever is taken as the same has no changes; what has one path twice need not be.
+        if (!ConfigMonitorAccess::AreTheSame(previous, found)) continue;
+        ++same;
+        std::set<std::string> paths;
+        for (const auto& file : found) paths.insert(file.path);
+        if (paths.size() == found.size()) {
+            ASSERT_EQ(expected, Lines{}) << round;
+        }
+    }
+    EXPECT_GT(same, 1000);
+}
+
+TEST(ConfigMonitorComparison, TakesOnlyTheSameFilesInTheSameOrderAsTheSame) {
+    const auto same = [](const ConfigMonitorAccess::Files& previous,
+                         const ConfigMonitorAccess::Files& found) {
+        return ConfigMonitorAccess::AreTheSame(previous, found);
+    };
+    EXPECT_TRUE(same(Files({}), Files({})));
+    EXPECT_TRUE(same(Files({{"/b", 1}, {"/a", 2}}), Files({{"/b", 1}, {"/a", 2}})));
+    EXPECT_FALSE(same(Files({{"/b", 1}, {"/a", 2}}), Files({{"/a", 2}, {"/b", 1}})));
+    EXPECT_FALSE(same(Files({{"/a", 1}}), Files({{"/a", 2}})));
+    EXPECT_FALSE(same(Files({{"/a", 1}}), Files({{"/b", 1}})));
+    EXPECT_FALSE(same(Files({{"/a", 1}}), Files({{"/a", 1}, {"/b", 1}})));
+    EXPECT_FALSE(same(Files({{"/a", 1}, {"/a", 2}}), Files({{"/a", 1}, {"/a", 2}})));
 }
 
 }  // namespace

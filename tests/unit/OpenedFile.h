@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <memory>
 #include <string>
 
 #include "TestPlatform.h"
@@ -14,16 +12,11 @@
 
 namespace vessa_test {
 
-struct CloseFile {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
-
 // With this error; 0: with any.
 inline void ExpectRefused(const std::string& path, int error) {
     SetLastSystemError(0);
-    const File file(process::OpenRegularFile(path.c_str()));
-    EXPECT_EQ(file, nullptr) << path;
+    process::RegularFile file;
+    EXPECT_FALSE(file.Open(path.c_str())) << path;
     if (error != 0) {
         EXPECT_EQ(TOVA_GetSystemLastError(), error) << path;
     }

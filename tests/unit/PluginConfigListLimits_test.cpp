@@ -66,7 +66,7 @@ TEST(PluginConfigListLimits, DoesNotCountWhatIsNoElement) {
     EXPECT_TRUE(list.ParseXmlString("<vessa><!--" + many + "--><![CDATA[" + many +
                                     "]]><plugin fkey='a' file='f' note='" + many + "'/></vessa>"));
     ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list.front().attributes.at("note"), many);
+    EXPECT_EQ(list.front().FindAttribute("note"), many);
 }
 
 TEST(PluginConfigListLimits, AcceptsManySiblings) {
@@ -80,7 +80,7 @@ TEST(PluginConfigListLimits, Accepts512Attributes) {
     PluginConfigList list;
     EXPECT_TRUE(list.ParseXmlString(WithAttributes(512)));
     ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list.front().attributes.size(), 512u);
+    EXPECT_EQ(list.front().Attributes().size(), 512u);
 }
 
 TEST(PluginConfigListLimits, Refuses513AttributesWithAReason) {
@@ -168,7 +168,7 @@ TEST(PluginConfigListLimits, EndsForEveryTruncationOfAFile) {
     PluginConfigList list;
     ASSERT_TRUE(list.ParseXmlString(whole));
     ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list.front().fkey, "\xE2\x82\xAC");
+    EXPECT_EQ(list.front().fkey(), "\xE2\x82\xAC");
 }
 
 // The accepted extremes fit the stack of the thread that scans.

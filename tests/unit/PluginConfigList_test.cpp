@@ -12,10 +12,12 @@
 #include "support/LogCapture.h"
 #include "support/Runtime.h"
 #include "support/TempDir.h"
+#include "unit/ConfigItems.h"
 #include "unit/LoggedCode.h"
 
 namespace {
 
+using vessa_test::AttributesOf;
 using vessa_test::CanMakeLinks;
 using vessa_test::Code;
 using vessa_test::kErrorFileTooLarge;
@@ -27,7 +29,7 @@ using Fkeys = std::vector<std::string>;
 
 Fkeys FkeysOf(const PluginConfigList& list) {
     Fkeys fkeys;
-    for (const PluginConfigItem& item : list) fkeys.push_back(item.fkey);
+    for (const PluginConfigItem& item : list) fkeys.push_back(item.fkey());
     return fkeys;
 }
 
@@ -47,18 +49,18 @@ TEST(PluginConfigList, ReadsEveryFieldOfAnElement) {
     const PluginConfigItem item =
         Parsed("<plugin fkey=\" video.decoder \" file=\" ./decoder/decoder" MODULE_SUFFIX
                "  \" delayload=\"true\" loadfkeys=\"false\" vendor=\" x \"/>");
-    EXPECT_EQ(item.fkey, "video.decoder");
-    EXPECT_EQ(item.file_path, "./decoder/decoder" MODULE_SUFFIX);
-    EXPECT_TRUE(item.delay_load);
-    EXPECT_FALSE(item.load_fkeys);
-    EXPECT_EQ(item.config_file_path, "");
+    EXPECT_EQ(item.fkey(), "video.decoder");
+    EXPECT_EQ(item.file_path(), "./decoder/decoder" MODULE_SUFFIX);
+    EXPECT_TRUE(item.delay_load());
+    EXPECT_FALSE(item.load_fkeys());
+    EXPECT_EQ(item.config_file_path(), "");
     const std::map<std::string, std::string> attributes = {
         {"fkey", " video.decoder "},
         {"file", " ./decoder/decoder" MODULE_SUFFIX "  "},
         {"delayload", "true"},
         {"loadfkeys", "false"},
         {"vendor", " x "}};
-    EXPECT_EQ(item.attributes, attributes);
+    EXPECT_EQ(AttributesOf(item), attributes);
 }
 
 TEST(PluginConfigList, KeepsTheOrderOfTheDocumentAndEveryDuplicate) {
@@ -67,7 +69,7 @@ TEST(PluginConfigList, KeepsTheOrderOfTheDocumentAndEveryDuplicate) {
         list.ParseXmlString("<vessa><plugin fkey='b' file='1'/><plugin fkey='a' file='2'/>"
                             "<plugin fkey='b' file='3'/></vessa>"));
     EXPECT_EQ(FkeysOf(list), (Fkeys{"b", "a", "b"}));
-    EXPECT_EQ(list.back().file_path, "3");
+    EXPECT_EQ(list.back().file_path(), "3");
 }
 
 TEST(PluginConfigList, ReadsOnlyTheDirectChildrenOfTheFirstSection) {
@@ -86,26 +88,26 @@ TEST(PluginConfigList, MatchesNamesExactly) {
     EXPECT_FALSE(list.ParseXmlString("<Vessa><plugin fkey='a' file='f'/></Vessa>"));
     EXPECT_TRUE(list.ParseXmlString("<vessa><plugin Fkey='a' file='f'/></vessa>"));
     EXPECT_TRUE(list.empty());
-    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f' DelayLoad='true'/>").delay_load);
+    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f' DelayLoad='true'/>").delay_load());
 }
 
 TEST(PluginConfigList, StripsOnlyBlanksFromFkeyAndFile) {
-    EXPECT_EQ(Parsed("<plugin fkey='  a b  ' file='f'/>").fkey, "a b");
-    EXPECT_EQ(Parsed("<plugin fkey='a' file='  x y" MODULE_SUFFIX " '/>").file_path,
+    EXPECT_EQ(Parsed("<plugin fkey='  a b  ' file='f'/>").fkey(), "a b");
+    EXPECT_EQ(Parsed("<plugin fkey='a' file='  x y" MODULE_SUFFIX " '/>").file_path(),
               "x y" MODULE_SUFFIX);
-    EXPECT_EQ(Parsed("<plugin fkey='&#9;a&#9;' file='&#10;f'/>").fkey, "\ta\t");
-    EXPECT_EQ(Parsed("<plugin fkey='&#9;a&#9;' file='&#10;f'/>").file_path, "\nf");
+    EXPECT_EQ(Parsed("<plugin fkey='&#9;a&#9;' file='&#10;f'/>").fkey(), "\ta\t");
+    EXPECT_EQ(Parsed("<plugin fkey='&#9;a&#9;' file='&#10;f'/>").file_path(), "\nf");
 }
 
 TEST(PluginConfigList, TakesAFlagAsTrueByItsFirstFourCharacters) {
     for (const char* const value : {"true", "true1", "trueish", "true "})
-        EXPECT_TRUE(WithDelayLoad(value).delay_load) << value;
+        EXPECT_TRUE(WithDelayLoad(value).delay_load()) << value;
     for (const char* const value : {"TRUE", "True", "1", "yes", " true", "tru", ""})
-        EXPECT_FALSE(WithDelayLoad(value).delay_load) << value;
-    EXPECT_TRUE(Parsed("<plugin fkey='a' file='f' loadfkeys='trueish'/>").load_fkeys);
-    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f' loadfkeys='TRUE'/>").load_fkeys);
-    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f'/>").load_fkeys);
-    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f'/>").delay_load);
+        EXPECT_FALSE(WithDelayLoad(value).delay_load()) << value;
+    EXPECT_TRUE(Parsed("<plugin fkey='a' file='f' loadfkeys='trueish'/>").load_fkeys());
+    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f' loadfkeys='TRUE'/>").load_fkeys());
+    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f'/>").load_fkeys());
+    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f'/>").delay_load());
 }
 
 TEST(PluginConfigList, CarriesDelayLoadOverToElementsWithoutIt) {
@@ -115,12 +117,12 @@ TEST(PluginConfigList, CarriesDelayLoadOverToElementsWithoutIt) {
         "<plugin fkey='b' file='f'/><plugin fkey='c' file='f' delayload='false'/>"
         "<plugin fkey='d' file='f'/></vessa>"));
     std::vector<bool> delay_load;
-    for (const PluginConfigItem& item : list) delay_load.push_back(item.delay_load);
+    for (const PluginConfigItem& item : list) delay_load.push_back(item.delay_load());
     EXPECT_EQ(delay_load, (std::vector<bool>{true, true, false, false}));
     // The other flag is not carried over.
-    EXPECT_FALSE(std::next(list.begin())->load_fkeys);
+    EXPECT_FALSE(std::next(list.begin())->load_fkeys());
     // Nor does it reach the next document.
-    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f'/>").delay_load);
+    EXPECT_FALSE(Parsed("<plugin fkey='a' file='f'/>").delay_load());
 }
 
 TEST(PluginConfigList, CarriesNothingOverFromASkippedElement) {
@@ -130,7 +132,7 @@ TEST(PluginConfigList, CarriesNothingOverFromASkippedElement) {
         "<vessa><plugin fkey='' file='f' delayload='true'/>"
         "<plugin fkey='x' file='' delayload='true'/><plugin fkey='a' file='f'/></vessa>"));
     ASSERT_EQ(FkeysOf(list), (Fkeys{"a"}));
-    EXPECT_FALSE(list.front().delay_load);
+    EXPECT_FALSE(list.front().delay_load());
 }
 
 TEST(PluginConfigList, SkipsElementsWithoutFkeyOrFile) {
@@ -193,9 +195,9 @@ TEST(PluginConfigList, IgnoresWhatFollowsTheSectionAndAZeroByte) {
 TEST(PluginConfigList, DecodesEntitiesInEveryValue) {
     const PluginConfigItem item =
         Parsed("<plugin fkey='a&amp;b' file='&lt;f&gt;' note='&quot;&apos;&#65;'/>");
-    EXPECT_EQ(item.fkey, "a&b");
-    EXPECT_EQ(item.file_path, "<f>");
-    EXPECT_EQ(item.attributes.at("note"), "\"'A");
+    EXPECT_EQ(item.fkey(), "a&b");
+    EXPECT_EQ(item.file_path(), "<f>");
+    EXPECT_EQ(item.FindAttribute("note"), "\"'A");
 }
 
 TEST(PluginConfigList, LogsATextThatLooksLikeAFormatAsItStands) {
@@ -227,14 +229,16 @@ TEST(PluginConfigList, WritesItsItemsAsText) {
     EXPECT_EQ(message, "list " + expected);
 }
 
-TEST(PluginConfigList, CopiesItsItemsByValue) {
+TEST(PluginConfigList, ACopyKeepsItsItemsWhateverBecomesOfTheList) {
     PluginConfigList list;
     ASSERT_TRUE(list.ParseXmlString("<vessa><plugin fkey='a' file='f' x='y'/></vessa>"));
-    PluginConfigList copy = list;
-    list.front().fkey = "changed";
-    list.front().attributes["x"] = "changed";
-    EXPECT_EQ(copy.front().fkey, "a");
-    EXPECT_EQ(copy.front().attributes.at("x"), "y");
+    const PluginConfigList copy = list;
+    ASSERT_TRUE(list.ParseXmlString("<vessa><plugin fkey='changed' file='f' x='z'/></vessa>"));
+    list.push_back(copy.front());
+    list.clear();
+    ASSERT_EQ(copy.size(), 1u);
+    EXPECT_EQ(copy.front().fkey(), "a");
+    EXPECT_EQ(copy.front().FindAttribute("x"), "y");
 }
 
 TEST(PluginConfigList, ReadsAFile) {

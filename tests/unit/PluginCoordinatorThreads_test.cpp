@@ -189,7 +189,7 @@ TEST_F(PluginCoordinatorThreads, AModuleAsksForItsAttributesWhileAChangeRoundWai
         reached_.Open();
         go_on_.Wait();
         PluginConfigItem item;
-        if (coordinator_.FindPluginConfig("codec", item)) vendor = item.attributes["vendor"];
+        if (coordinator_.FindPluginConfig("codec", item)) vendor = item.FindAttribute("vendor");
         coordinator_.GetAllFkeys(fkeys);
     });
     void* instance = nullptr;
@@ -235,7 +235,8 @@ TEST(PluginCoordinatorRaces, QueriesSeeOneWholeListWhateverTheRoundsDo) {
         while (!done) {
             PluginConfigList all;
             coordinator.GetAllPluginConfigs(all);
-            if (all.size() != 2 || all.front().attributes["mark"] != all.back().attributes["mark"])
+            if (all.size() != 2 ||
+                all.front().FindAttribute("mark") != all.back().FindAttribute("mark"))
                 ++torn;
             PluginConfigItem item;
             if (!coordinator.FindPluginConfig("last", item)) ++torn;

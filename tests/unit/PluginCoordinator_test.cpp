@@ -14,6 +14,7 @@
 #include "support/Modules.h"
 #include "support/Runtime.h"
 #include "support/TempDir.h"
+#include "unit/ConfigItems.h"
 #include "unit/LoggedCode.h"
 
 namespace {
@@ -56,17 +57,12 @@ class PluginCoordinatorTest : public testing::Test {
         dir_.Write(list, ListFile().Plugin("p", file).Text());
         PluginConfigList items;
         EXPECT_TRUE(coordinator_.ReadPluginList(dir_.Path(list), items));
-        return items.empty() ? "none" : items.front().file_path;
+        return items.empty() ? "none" : items.front().file_path();
     }
 
     static PluginConfigItem Item(const std::string& fkey, const std::string& path,
                                  const std::string& list = "/list") {
-        PluginConfigItem item;
-        item.fkey = fkey;
-        item.file_path = path;
-        item.delay_load = true;
-        item.config_file_path = list;
-        return item;
+        return vessa_test::ItemFields{fkey, path, true, false, list, {}}.Make();
     }
 
     TempDir dir_;
@@ -128,8 +124,8 @@ TEST_F(PluginCoordinatorTest, KeepsThePathOfTheListFileAsItIsGiven) {
     PluginConfigList items;
     log_.Clear();
     ASSERT_TRUE(coordinator_.ReadPluginList(odd, items));
-    EXPECT_EQ(items.front().config_file_path, odd);
-    EXPECT_EQ(items.front().file_path, dir_.Path("a/x" MODULE_SUFFIX));
+    EXPECT_EQ(items.front().config_file_path(), odd);
+    EXPECT_EQ(items.front().file_path(), dir_.Path("a/x" MODULE_SUFFIX));
     EXPECT_TRUE(log_.Contains("1 Absolute_path=" + dir_.Path("a/x" MODULE_SUFFIX) +
                               ", current_path=" + dir_.Path("a") + "/"));
 }
@@ -144,8 +140,8 @@ TEST_F(PluginCoordinatorTest, AListFileWithoutAFolderCountsAsOneOfTheFirstFolder
     const bool read = coordinator_.ReadPluginList("tarnet.xml", items);
     std::filesystem::current_path(before);
     ASSERT_TRUE(read);
-    EXPECT_EQ(items.front().file_path, "/x" MODULE_SUFFIX);
-    EXPECT_EQ(items.back().file_path, "");
+    EXPECT_EQ(items.front().file_path(), "/x" MODULE_SUFFIX);
+    EXPECT_EQ(items.back().file_path(), "");
 }
 
 TEST_F(PluginCoordinatorTest, ReportsAListFileThatCannotBeRead) {
@@ -208,8 +204,8 @@ TEST_F(PluginCoordinatorTest, UnregistersAndLogsWhatWasRegistered) {
     registered.push_back(Item("p", "/p/one" MODULE_SUFFIX));
     coordinator_.RegisterPluginList(registered);
     PluginConfigList changed;
-    changed.push_back(Item("p", "/p/two" MODULE_SUFFIX));
-    changed.front().delay_load = false;
+    changed.push_back(
+        vessa_test::ItemFields{"p", "/p/two" MODULE_SUFFIX, false, false, "/list", {}}.Make());
     log_.Clear();
     coordinator_.UnregisterPluginList(changed);
     EXPECT_TRUE(log_.Is({"3 param fkey = p",
@@ -232,14 +228,14 @@ TEST_F(PluginCoordinatorTest, FindsItemsInTheOrderOfTheFilesAndOfEachFile) {
 
     PluginConfigItem item;
     ASSERT_TRUE(coordinator_.FindPluginConfig("x", item));
-    EXPECT_EQ(item.file_path, "/p/a1" MODULE_SUFFIX);
-    EXPECT_EQ(item.config_file_path, dir_.Path("a/c/tarnet.xml"));
-    EXPECT_EQ(item.attributes.at("vendor"), " v ");
+    EXPECT_EQ(item.file_path(), "/p/a1" MODULE_SUFFIX);
+    EXPECT_EQ(item.config_file_path(), dir_.Path("a/c/tarnet.xml"));
+    EXPECT_EQ(item.FindAttribute("vendor"), " v ");
 
     PluginConfigList all;
     coordinator_.GetAllPluginConfigs(all);
     Strings paths;
-    for (const auto& each : all) paths.push_back(each.file_path);
+    for (const auto& each : all) paths.push_back(each.file_path());
     EXPECT_EQ(paths, (Strings{"/p/a1" MODULE_SUFFIX, "/p/w" MODULE_SUFFIX, "/p/b1" MODULE_SUFFIX,
                               "/p/z" MODULE_SUFFIX, "/p/y" MODULE_SUFFIX}));
     Strings fkeys = {"before"};

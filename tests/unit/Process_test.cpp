@@ -51,28 +51,43 @@ TEST(BeingUnloaded, IsFalseWhileTheProcessLives) {
 }
 
 void ExpectOpened(const std::string& path) {
-    const File file(process::OpenRegularFile(path.c_str()));
-    ASSERT_NE(file, nullptr) << path;
-    EXPECT_EQ(process::SeekToEnd(file.get()), 4) << path;
+    process::RegularFile file;
+    ASSERT_TRUE(file.Open(path.c_str())) << path;
+    EXPECT_EQ(file.size(), 4) << path;
+    char bytes[5] = {};
+    EXPECT_EQ(file.ReadWhole(bytes, 4), 4) << path;
+    EXPECT_STREQ(bytes, "text") << path;
 }
 
-TEST(OpenRegularFile, OpensAFileAlsoThroughALink) {
+TEST(RegularFile, OpensAFileAlsoThroughALink) {
     TempDir world;
     ExpectOpened(world.Write("file", "text"));
     if (!CanMakeLinks()) GTEST_SKIP() << "through a link: no symbolic links here";
     ExpectOpened(world.MakeLink("file", "link"));
 }
 
-TEST(SeekToEnd, TellsSizesBeyond32Bits) {
+TEST(RegularFile, TellsSizesBeyond32Bits) {
     TempDir world;
     const std::string path = world.Write("large", "");
     const int64_t size = (int64_t{1} << 32) + 5;
     std::error_code error;
     std::filesystem::resize_file(std::filesystem::u8path(path), size, error);
     if (error) GTEST_SKIP() << "no files of this size here";
-    const File file(process::OpenRegularFile(path.c_str()));
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(process::SeekToEnd(file.get()), size);
+    process::RegularFile file;
+    ASSERT_TRUE(file.Open(path.c_str()));
+    EXPECT_EQ(file.size(), size);
+}
+
+TEST(RegularFile, ShowsByOneByteMoreOrByLessThatItIsNotOfThatSize) {
+    TempDir world;
+    const std::string path = world.Write("file", "a text\r\n");
+    for (const size_t size : {size_t{7}, size_t{8}, size_t{12}}) {
+        process::RegularFile file;
+        ASSERT_TRUE(file.Open(path.c_str()));
+        char bytes[13] = {};
+        EXPECT_EQ(file.ReadWhole(bytes, size), 8) << size;
+        EXPECT_STREQ(bytes, "a text\r\n") << size;
+    }
 }
 
 TEST(RefusalsOfItsOwn, SetTheLastError) {

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstddef>
-#include <cstdio>
 #include <functional>
 #include <utility>
 
@@ -28,19 +26,16 @@ class ReadHook {
     ReadHook& operator=(const ReadHook&) = delete;
 };
 
+inline void RunBeforeRead() {
+    if (!before_read) return;
+    const std::function<void()> function = std::move(before_read);
+    before_read = nullptr;
+    function();
+}
+
 }  // namespace vessa_test
 
 // Stands in for the C library's function in this whole program.
-STAND_IN_C(size_t, fread)(void* buffer, size_t size, size_t count, FILE* file) {
-    using vessa_test::before_read;
-    if (before_read) {
-        const std::function<void()> function = std::move(before_read);
-        before_read = nullptr;
-        function();
-    }
-    static const auto real =
-        vessa_test::FunctionBehind<size_t(void*, size_t, size_t, FILE*)>("fread");
-    return real(buffer, size, count, file);
-}
+#include "ReadFunction.h"
 
 #endif

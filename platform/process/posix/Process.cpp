@@ -139,28 +139,40 @@ int32_t ProcessId() {
     return static_cast<int32_t>(getpid());
 }
 
-FILE* OpenRegularFile(const char* path) {
-    const int file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (file < 0) return nullptr;
-    struct stat about;
-    int error = 0;
-    if (fstat(file, &about) != 0) {
-        error = errno;
-    } else if (!S_ISREG(about.st_mode)) {
-        error = S_ISDIR(about.st_mode) ? EISDIR : EINVAL;
-    } else if (FILE* const stream = fdopen(file, "rb")) {
-        return stream;
-    } else {
-        error = errno;
-    }
-    close(file);
-    errno = error;
-    return nullptr;
+RegularFile::~RegularFile() {
+    if (handle_ != kNone) close(static_cast<int>(handle_));
 }
 
-int64_t SeekToEnd(FILE* file) {
-    if (fseeko(file, 0, SEEK_END) != 0) return -1;
-    return static_cast<int64_t>(ftello(file));
+// By the system's calls, not the C library's streams: those make a buffer and several more calls
+// for every list file.
+bool RegularFile::Open(const char* path) {
+    const int file = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (file < 0) return false;
+    struct stat about;
+    int error = 0;
+    if (fstat(file, &about) != 0)
+        error = errno;
+    else if (!S_ISREG(about.st_mode))
+        error = S_ISDIR(about.st_mode) ? EISDIR : EINVAL;
+    if (error != 0) {
+        close(file);
+        errno = error;
+        return false;
+    }
+    handle_ = file;
+    size_ = static_cast<int64_t>(about.st_size);
+    return true;
+}
+
+int64_t RegularFile::ReadWhole(char* buffer, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t read = ::read(static_cast<int>(handle_), buffer + done, size + 1 - done);
+        if (read < 0) return -1;
+        if (read == 0) break;
+        done += static_cast<size_t>(read);
+    }
+    return static_cast<int64_t>(done);
 }
 
 void SetErrorFileTooLarge() {

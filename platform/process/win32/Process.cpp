@@ -141,43 +141,51 @@ int32_t ProcessId() {
     return static_cast<int32_t>(GetCurrentProcessId());
 }
 
-FILE* OpenRegularFile(const char* path) {
+RegularFile::~RegularFile() {
+    if (handle_ != kNone) std::fclose(reinterpret_cast<FILE*>(handle_));
+}
+
+bool RegularFile::Open(const char* path) {
     HANDLE file = INVALID_HANDLE_VALUE;
     try {
         std::wstring verbatim;
-        if (!win32::VerbatimPath(path, verbatim)) return nullptr;
+        if (!win32::VerbatimPath(path, verbatim)) return false;
         // Neither a writer nor an installer that renames or deletes is kept from it.
         file = CreateFileW(verbatim.c_str(), GENERIC_READ,
                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                            OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     } catch (const std::bad_alloc&) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
+        return false;
     }
-    if (file == INVALID_HANDLE_VALUE) return nullptr;
+    if (file == INVALID_HANDLE_VALUE) return false;
     if (GetFileType(file) != FILE_TYPE_DISK) {
         CloseHandle(file);
         SetLastError(ERROR_BAD_FILE_TYPE);
-        return nullptr;
+        return false;
     }
     const int descriptor =
         _open_osfhandle(reinterpret_cast<intptr_t>(file), _O_RDONLY | _O_BINARY | _O_NOINHERIT);
     if (descriptor < 0) {
         CloseHandle(file);
         SetLastError(ERROR_TOO_MANY_OPEN_FILES);
-        return nullptr;
+        return false;
     }
     FILE* const stream = _fdopen(descriptor, "rb");
     if (stream == nullptr) {
         _close(descriptor);
         SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+        return false;
     }
-    return stream;
+    handle_ = reinterpret_cast<intptr_t>(stream);
+    size_ = _filelengthi64(descriptor);
+    return size_ >= 0;
 }
 
-int64_t SeekToEnd(FILE* file) {
-    if (_fseeki64(file, 0, SEEK_END) != 0) return -1;
-    return _ftelli64(file);
+int64_t RegularFile::ReadWhole(char* buffer, size_t size) {
+    FILE* const file = reinterpret_cast<FILE*>(handle_);
+    const size_t read = std::fread(buffer, 1, size + 1, file);
+    return std::ferror(file) == 0 ? static_cast<int64_t>(read) : -1;
 }
 
 void SetErrorFileTooLarge() {

@@ -4,25 +4,83 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "common.h"
 
 namespace {
 
-struct Listing {
-    std::vector<tova_dirent_t> entries;
-    size_t next = 0;
+/*
+ * A listing as the system wrote it, with what was found out about each entry beside it: a scan
+ * of many folders spends its time on the way there, not on copies of names.
+ */
+struct Entry {
+    size_t name_at;  // in the records
+    uint64_t volume;
+    uint64_t file_id;
+    uint64_t stamp;
+    uint32_t type;
 };
 
-struct CloseStream {
-    void operator()(DIR* stream) const { closedir(stream); }
+struct Listing {
+    std::vector<char> records;
+    size_t used = 0;  // of the records
+    std::vector<Entry> entries;
+    size_t next = 0;
+
+    const char* NameOf(const Entry& entry) const { return &records[entry.name_at]; }
 };
-using Stream = std::unique_ptr<DIR, CloseStream>;
+
+/*
+ * One closed listing is kept for its memory, so that a scan does not allocate for every folder,
+ * unless it was of a folder far beyond the usual.
+ */
+class Spare {
+  public:
+    ~Spare() { delete listing_.load(); }
+
+    std::unique_ptr<Listing> Take() {
+        std::unique_ptr<Listing> listing(listing_.exchange(nullptr));
+        return listing != nullptr ? std::move(listing) : std::make_unique<Listing>();
+    }
+    void Keep(std::unique_ptr<Listing> listing) {
+        if (listing->records.size() > kLargest) return;
+        listing->used = 0;
+        listing->entries.clear();
+        listing->next = 0;
+        Listing* none = nullptr;
+        if (listing_.compare_exchange_strong(none, listing.get())) listing.release();
+    }
+
+  private:
+    static constexpr size_t kLargest = size_t{1} << 18;
+
+    std::atomic<Listing*> listing_{nullptr};
+};
+
+Spare g_spare;
+
+class Descriptor {
+  public:
+    explicit Descriptor(int value) : value_(value) {}
+    ~Descriptor() {
+        if (value_ >= 0) close(value_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int value() const { return value_; }
+
+  private:
+    const int value_;
+};
 
 /*
  * The file system takes its times from a clock that stands still for some milliseconds. Once the
@@ -110,12 +168,14 @@ bool MayBeDangling(int error) {
 }
 
 // 0, ENOENT for an entry that vanished, or another error.
-int Examine(int folder, tova_dirent_t& entry, TickWatch& watch) {
+int Examine(int folder, const char* name, Entry& entry, TickWatch& watch) {
     struct stat status {};
-    if (fstatat(folder, entry.name, &status, 0) != 0) {
+    if (std::strcmp(name, ".") == 0) {
+        if (fstat(folder, &status) != 0) return errno;
+    } else if (fstatat(folder, name, &status, 0) != 0) {
         if (!MayBeDangling(errno)) return errno;
         // Either a dangling link, which is listed with its own data, or gone, or back again.
-        if (fstatat(folder, entry.name, &status, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+        if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return errno;
     }
     entry.type = TypeOf(status.st_mode);
     entry.volume = status.st_dev;
@@ -125,61 +185,66 @@ int Examine(int folder, tova_dirent_t& entry, TickWatch& watch) {
     return 0;
 }
 
-int ReadNames(DIR* stream, std::vector<tova_dirent_t>& entries) {
+int ReadRecords(int folder, Listing& listing) {
+    // As much as the C library reads at once.
+    constexpr size_t kStep = 32768;
     for (;;) {
-        errno = 0;
-        const dirent* const found = readdir(stream);
-        if (found == nullptr) return errno;
-        tova_dirent_t entry{};
-        const size_t length = std::strlen(found->d_name);
-        if (length >= sizeof entry.name) return ENAMETOOLONG;
-        std::memcpy(entry.name, found->d_name, length);
-        entries.push_back(entry);
+        const size_t room = listing.records.size() - listing.used;
+        if (room < kStep) listing.records.resize(listing.records.size() + kStep - room);
+        const ssize_t read = getdents64(folder, &listing.records[listing.used],
+                                        listing.records.size() - listing.used);
+        // A folder that was removed meanwhile has come to its end.
+        if (read < 0) return errno == ENOENT ? 0 : errno;
+        if (read == 0) return 0;
+        listing.used += static_cast<size_t>(read);
     }
 }
 
-int ExamineAll(int folder, std::vector<tova_dirent_t>& entries) {
+int ExamineAll(int folder, Listing& listing) {
     TickWatch watch;
-    size_t kept = 0;
-    for (size_t i = 0; i < entries.size(); ++i) {
-        const int error = Examine(folder, entries[i], watch);
+    for (size_t at = 0; at < listing.used;) {
+        const auto* const record = reinterpret_cast<const dirent64*>(&listing.records[at]);
+        Entry entry{};
+        entry.name_at = at + offsetof(dirent64, d_name);
+        at += record->d_reclen;
+        // As the C library: an entry without a number is a deleted one.
+        if (record->d_ino == 0) continue;
+        const char* const name = listing.NameOf(entry);
+        if (std::strlen(name) >= sizeof tova_dirent_t::name) return ENAMETOOLONG;
+        const int error = Examine(folder, name, entry, watch);
         if (error == ENOENT) continue;
         if (error != 0) return error;
-        if (kept != i) entries[kept] = entries[i];
-        ++kept;
+        listing.entries.push_back(entry);
     }
-    entries.resize(kept);
     watch.WaitOutTick();
     return 0;
 }
 
 // "." and ".." before everything, also before names that begin with a lower byte.
 int Rank(const char* name) {
-    if (std::strcmp(name, ".") == 0) return 0;
+    if (name[0] != '.') return 2;
+    if (name[1] == '\0') return 0;
     return std::strcmp(name, "..") == 0 ? 1 : 2;
 }
 
-bool Before(const tova_dirent_t& left, const tova_dirent_t& right) {
-    const int left_rank = Rank(left.name);
-    const int right_rank = Rank(right.name);
+bool Before(const char* left, const char* right) {
+    const int left_rank = Rank(left);
+    const int right_rank = Rank(right);
     if (left_rank != right_rank) return left_rank < right_rank;
-    return std::strcmp(left.name, right.name) < 0;
+    return std::strcmp(left, right) < 0;
 }
 
 int ReadListing(const char* path, Listing& listing) {
-    const int folder = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder < 0) return errno;
-    const Stream stream(fdopendir(folder));
-    if (stream == nullptr) {
-        const int error = errno;
-        close(folder);
-        return error;
-    }
-    int error = ReadNames(stream.get(), listing.entries);
+    const Descriptor folder(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.value() < 0) return errno;
+    int error = ReadRecords(folder.value(), listing);
     if (error != 0) return error;
-    error = ExamineAll(folder, listing.entries);
+    error = ExamineAll(folder.value(), listing);
     if (error != 0) return error;
-    std::sort(listing.entries.begin(), listing.entries.end(), Before);
+    std::sort(listing.entries.begin(), listing.entries.end(),
+              [&listing](const Entry& left, const Entry& right) {
+                  return Before(listing.NameOf(left), listing.NameOf(right));
+              });
     return 0;
 }
 
@@ -193,7 +258,7 @@ void* TOVA_OpenDir(const char* path) {
     const tova::CancelGuard guard;
     int error = 0;
     try {
-        auto listing = std::make_unique<Listing>();
+        auto listing = g_spare.Take();
         error = ReadListing(path, *listing);
         if (error == 0) return listing.release();
     } catch (const std::bad_alloc&) {
@@ -207,12 +272,18 @@ int TOVA_FindFileInDir(void* dir, tova_dirent_t* entry) {
     if (dir == nullptr || entry == nullptr) return tova::Fail(EINVAL);
     Listing& listing = *static_cast<Listing*>(dir);
     if (listing.next == listing.entries.size()) return tova::Fail(ENOENT);
-    *entry = listing.entries[listing.next++];
+    const Entry& found = listing.entries[listing.next++];
+    std::memset(entry, 0, sizeof *entry);
+    std::strcpy(entry->name, listing.NameOf(found));
+    entry->type = found.type;
+    entry->volume = found.volume;
+    entry->file_id = found.file_id;
+    entry->stamp = found.stamp;
     return 0;
 }
 
 int TOVA_CloseDir(void* dir) {
     if (dir == nullptr) return tova::Fail(EINVAL);
-    delete static_cast<Listing*>(dir);
+    g_spare.Keep(std::unique_ptr<Listing>(static_cast<Listing*>(dir)));
     return 0;
 }

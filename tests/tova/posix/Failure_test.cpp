@@ -1,11 +1,14 @@
+#include <dirent.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 #include <thread>
@@ -43,22 +46,46 @@ timespec g_written{};
 tova_sem_t g_sem = nullptr;
 std::string g_victim;
 
-dirent* FailTheFourthRead(DIR* stream) {
-    if (++g_calls < 4) return Real().read_dir(stream);
+ssize_t FailTheSecondRead(int folder, void* records, size_t size) {
+    if (++g_calls < 2) return Real().getdents(folder, records, size);
     errno = EIO;
-    return nullptr;
+    return -1;
 }
 
-dirent* ReadALongName(DIR* stream) {
-    static struct {
-        dirent entry;
-        char more[64];
-    } found;
-    if (++g_calls != 3) return Real().read_dir(stream);
-    // As a file system with longer names shows one: the name runs on past the declared array.
-    std::memset(reinterpret_cast<char*>(&found) + offsetof(dirent, d_name), 'n', 256);
-    reinterpret_cast<char*>(&found)[offsetof(dirent, d_name) + 256] = '\0';
-    return &found.entry;
+// The folder is removed behind the first records, and has no more.
+ssize_t MissTheFolderFromTheSecondReadOn(int folder, void* records, size_t size) {
+    if (++g_calls < 2) return Real().getdents(folder, records, size);
+    errno = ENOENT;
+    return -1;
+}
+
+// As little at a time as one record needs.
+ssize_t ReadInSmallSteps(int folder, void* records, size_t size) {
+    ++g_calls;
+    return Real().getdents(folder, records, std::min(size, size_t{64}));
+}
+
+// One record at the end of what is really there.
+ssize_t AddARecord(int folder, void* records, size_t size, ino64_t number, size_t name_length) {
+    const ssize_t read = Real().getdents(folder, records, size);
+    if (++g_calls != 1 || read <= 0) return read;
+    char* const at = static_cast<char*>(records) + read;
+    const size_t whole = (offsetof(dirent64, d_name) + name_length + 1 + 7) / 8 * 8;
+    std::memset(at, 0, whole);
+    std::memcpy(at + offsetof(dirent64, d_ino), &number, sizeof number);
+    const auto record_length = static_cast<unsigned short>(whole);
+    std::memcpy(at + offsetof(dirent64, d_reclen), &record_length, sizeof record_length);
+    std::memset(at + offsetof(dirent64, d_name), 'n', name_length);
+    return read + static_cast<ssize_t>(whole);
+}
+
+// As a file system with longer names shows one.
+ssize_t ReadALongName(int folder, void* records, size_t size) {
+    return AddARecord(folder, records, size, 1, 256);
+}
+
+ssize_t ReadADeletedName(int folder, void* records, size_t size) {
+    return AddARecord(folder, records, size, 0, 5);
 }
 
 int FailToExamineTheVictim(int folder, const char* name, struct stat* status, int flags) {
@@ -190,10 +217,10 @@ TEST(DirectoryFailure, AnErrorHalfWayIsAFailedOpenAndNoShortListing) {
     {
         const Restore restore;
         g_calls = 0;
-        stand_in::put.read_dir = &FailTheFourthRead;
+        stand_in::put.getdents = &FailTheSecondRead;
         EXPECT_EQ(TOVA_OpenDir(folder.Path().c_str()), nullptr);
         EXPECT_EQ(TOVA_GetSystemLastError(), EIO);
-        EXPECT_EQ(g_calls, 4);
+        EXPECT_EQ(g_calls, 2);
     }
     EXPECT_EQ(OpenDescriptors(), descriptors);
     EXPECT_THAT(Names(List(folder.Path())), ElementsAre(".", "..", "a", "b", "c", "d"));
@@ -206,12 +233,44 @@ TEST(DirectoryFailure, ANameThatDoesNotFitFailsTheWholeListing) {
     {
         const Restore restore;
         g_calls = 0;
-        stand_in::put.read_dir = &ReadALongName;
+        stand_in::put.getdents = &ReadALongName;
         stand_in::put.fstatat = &ExamineTheFolderInstead;
         EXPECT_EQ(TOVA_OpenDir(folder.Path().c_str()), nullptr);
         EXPECT_EQ(TOVA_GetSystemLastError(), ENAMETOOLONG);
     }
     EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+TEST(DirectoryFailure, ADeletedEntryThatIsStillThereIsLeftOut) {
+    TempFolder folder;
+    folder.Write("a", "");
+    const Restore restore;
+    g_calls = 0;
+    stand_in::put.getdents = &ReadADeletedName;
+    // Otherwise there would be something of that name.
+    stand_in::put.fstatat = &ExamineTheFolderInstead;
+    EXPECT_THAT(Names(List(folder.Path())), ElementsAre(".", "..", "a"));
+    EXPECT_GE(g_calls, 2);
+}
+
+TEST(DirectoryFailure, AFolderThatIsRemovedMeanwhileEndsThere) {
+    TempFolder folder;
+    folder.Write("a", "");
+    const Restore restore;
+    g_calls = 0;
+    stand_in::put.getdents = &MissTheFolderFromTheSecondReadOn;
+    EXPECT_THAT(Names(List(folder.Path())), ElementsAre(".", "..", "a"));
+    EXPECT_EQ(g_calls, 2);
+}
+
+TEST(DirectoryFailure, AListingThatComesInManyPartsIsWhole) {
+    TempFolder folder;
+    for (const char* name : {"a", "b", "c", "d", "e"}) folder.Write(name, "");
+    const Restore restore;
+    g_calls = 0;
+    stand_in::put.getdents = &ReadInSmallSteps;
+    EXPECT_THAT(Names(List(folder.Path())), ElementsAre(".", "..", "a", "b", "c", "d", "e"));
+    EXPECT_GE(g_calls, 4);
 }
 
 TEST(DirectoryFailure, AnEntryThatCannotBeExaminedFailsTheWholeListing) {
@@ -398,6 +457,9 @@ TEST(OutOfMemory, AListingFailsAtEachAllocationUntilItSucceeds) {
     TempFolder folder;
     for (int i = 0; i < 40; ++i) folder.Write("file" + std::to_string(i), "");
     const std::string path = folder.Path();
+    // Has the memory of whatever was closed before.
+    void* const other = TOVA_OpenDir(path.c_str());
+    ASSERT_NE(other, nullptr);
     const size_t descriptors = OpenDescriptors();
     void* dir = nullptr;
     int failures = 0;
@@ -417,6 +479,24 @@ TEST(OutOfMemory, AListingFailsAtEachAllocationUntilItSucceeds) {
     for (tova_dirent_t entry; TOVA_FindFileInDir(dir, &entry) == 0;) ++entries;
     EXPECT_EQ(entries, 42);
     EXPECT_EQ(TOVA_CloseDir(dir), 0);
+    EXPECT_EQ(TOVA_CloseDir(other), 0);
+}
+
+TEST(OutOfMemory, AListingAfterAnotherNeedsNone) {
+    TempFolder folder;
+    for (int i = 0; i < 40; ++i) folder.Write("file" + std::to_string(i), "");
+    const std::string path = folder.Path();
+    EXPECT_EQ(TOVA_CloseDir(TOVA_OpenDir(path.c_str())), 0);
+    for (int i = 0; i < 3; ++i) {
+        FailAllocation(1);
+        void* const dir = TOVA_OpenDir(path.c_str());
+        FailAllocation(0);
+        ASSERT_NE(dir, nullptr);
+        int entries = 0;
+        for (tova_dirent_t entry; TOVA_FindFileInDir(dir, &entry) == 0;) ++entries;
+        EXPECT_EQ(entries, 42);
+        EXPECT_EQ(TOVA_CloseDir(dir), 0);
+    }
 }
 
 TEST(OutOfMemory, ALoadFailsAtEachAllocationUntilItSucceeds) {

@@ -1,5 +1,6 @@
 #include "StandIns.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 
 #include <atomic>
@@ -26,7 +27,7 @@ void FindNext(Function& function, const char* name) {
 
 Functions FindAll() {
     Functions found{};
-    FindNext(found.read_dir, "readdir");
+    FindNext(found.getdents, "getdents64");
     FindNext(found.fstatat, "fstatat");
     FindNext(found.cond_wait, "pthread_cond_wait");
     FindNext(found.cond_timedwait, "pthread_cond_timedwait");
@@ -90,8 +91,9 @@ extern "C" {
 using stand_in::put;
 using stand_in::Real;
 
-__attribute__((visibility("default"))) dirent* readdir(DIR* stream) {
-    return (put.read_dir != nullptr ? put.read_dir : Real().read_dir)(stream);
+__attribute__((visibility("default"))) ssize_t getdents64(int folder, void* records,
+                                                          size_t size) noexcept {
+    return (put.getdents != nullptr ? put.getdents : Real().getdents)(folder, records, size);
 }
 
 __attribute__((visibility("default"))) int fstatat(int folder, const char* name,

@@ -1,9 +1,9 @@
 #ifndef TESTS_TOVA_POSIX_STANDINS_H
 #define TESTS_TOVA_POSIX_STANDINS_H
 
-#include <dirent.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 
 #include <cstddef>
 
@@ -15,7 +15,7 @@
 namespace stand_in {
 
 struct Functions {
-    dirent* (*read_dir)(DIR*);
+    ssize_t (*getdents)(int, void*, size_t);
     int (*fstatat)(int, const char*, struct stat*, int);
     int (*cond_wait)(pthread_cond_t*, pthread_mutex_t*);
     int (*cond_timedwait)(pthread_cond_t*, pthread_mutex_t*, const timespec*);

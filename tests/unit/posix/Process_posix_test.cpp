@@ -25,7 +25,7 @@ TEST(ProcessId, IsAnotherOneInAForkedChild) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
-TEST(OpenRegularFile, RefusesEverythingElseWithoutBlocking) {
+TEST(RegularFile, RefusesEverythingElseWithoutBlocking) {
     TempDir world;
     world.MakeFolder("folder");
     world.MakeLink("nowhere", "dangling");
@@ -38,17 +38,22 @@ TEST(OpenRegularFile, RefusesEverythingElseWithoutBlocking) {
     ExpectRefused("", ENOENT);
 }
 
-TEST(OpenRegularFile, KeepsNoDescriptorOfARefusedFileAndClosesItsOwnOnExec) {
+TEST(RegularFile, KeepsNoDescriptorOfARefusedFileAndClosesItsOwnOnExec) {
     TempDir world;
     world.MakeFolder("folder");
     world.Write("file", "text");
-    const File before(process::OpenRegularFile(world.Path("file").c_str()));
-    ASSERT_NE(before, nullptr);
-    EXPECT_NE(fcntl(fileno(before.get()), F_GETFD) & FD_CLOEXEC, 0);
+    process::RegularFile before;
+    ASSERT_TRUE(before.Open(world.Path("file").c_str()));
+    EXPECT_NE(fcntl(static_cast<int>(before.handle()), F_GETFD) & FD_CLOEXEC, 0);
     for (int i = 0; i < 10; ++i) ExpectRefused(world.Path("folder"), EISDIR);
-    const File after(process::OpenRegularFile(world.Path("file").c_str()));
-    ASSERT_NE(after, nullptr);
-    EXPECT_EQ(fileno(after.get()), fileno(before.get()) + 1);
+    {
+        process::RegularFile after;
+        ASSERT_TRUE(after.Open(world.Path("file").c_str()));
+        EXPECT_EQ(after.handle(), before.handle() + 1);
+    }
+    process::RegularFile again;
+    ASSERT_TRUE(again.Open(world.Path("file").c_str()));
+    EXPECT_EQ(again.handle(), before.handle() + 1);
 }
 
 }  // namespace

@@ -91,11 +91,11 @@ TEST(OtherThreads, AreGoneWhenTheSystemTakesTheLibrariesAway) {
     std::exit(0);
 }
 
-TEST(OpenRegularFile, KeepsNobodyFromWritingRenamingAndDeletingTheFile) {
+TEST(RegularFile, KeepsNobodyFromWritingRenamingAndDeletingTheFile) {
     TempDir world;
     const std::string path = world.Write("file", "text");
-    const File file(process::OpenRegularFile(path.c_str()));
-    ASSERT_NE(file, nullptr);
+    process::RegularFile file;
+    ASSERT_TRUE(file.Open(path.c_str()));
     {
         const HeldFile writer(path, GENERIC_WRITE, kShareAll);
         EXPECT_TRUE(writer.IsHeld()) << GetLastError();
@@ -103,19 +103,21 @@ TEST(OpenRegularFile, KeepsNobodyFromWritingRenamingAndDeletingTheFile) {
     world.Rename("file", "renamed");
     world.Write("file", "another text");
     EXPECT_TRUE(DeleteFileW(WideText(world.Path("renamed")).c_str())) << GetLastError();
-    EXPECT_EQ(process::SeekToEnd(file.get()), 4);
+    char bytes[5] = {};
+    EXPECT_EQ(file.ReadWhole(bytes, 4), 4);
+    EXPECT_STREQ(bytes, "text");
 }
 
-TEST(OpenRegularFile, OpensAFileThatAnotherWrites) {
+TEST(RegularFile, OpensAFileThatAnotherWrites) {
     TempDir world;
     const std::string path = world.Write("file", "text");
     const HeldFile writer(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ);
     ASSERT_TRUE(writer.IsHeld());
-    const File file(process::OpenRegularFile(path.c_str()));
-    EXPECT_NE(file, nullptr) << GetLastError();
+    process::RegularFile file;
+    EXPECT_TRUE(file.Open(path.c_str())) << GetLastError();
 }
 
-TEST(OpenRegularFile, RefusesAFileThatAnotherSharesWithNobody) {
+TEST(RegularFile, RefusesAFileThatAnotherSharesWithNobody) {
     TempDir world;
     const std::string path = world.Write("file", "text");
     const HeldFile other(path, GENERIC_READ, 0);
@@ -123,7 +125,7 @@ TEST(OpenRegularFile, RefusesAFileThatAnotherSharesWithNobody) {
     ExpectRefused(path, ERROR_SHARING_VIOLATION);
 }
 
-TEST(OpenRegularFile, RefusesFoldersAndDevicesWithoutBlocking) {
+TEST(RegularFile, RefusesFoldersAndDevicesWithoutBlocking) {
     TempDir world;
     ExpectRefused(world.MakeFolder("folder"), kErrorAccess);
     ExpectRefused(world.Path("missing"), kErrorNotFound);
@@ -134,7 +136,7 @@ TEST(OpenRegularFile, RefusesFoldersAndDevicesWithoutBlocking) {
     ExpectRefused("\xFF", 0);
 }
 
-TEST(OpenRegularFile, RefusesAPipeThatSomebodyServes) {
+TEST(RegularFile, RefusesAPipeThatSomebodyServes) {
     const std::string name = "pipe\\vessa-test-" + std::to_string(GetCurrentProcessId());
     const HANDLE server = CreateNamedPipeW(WideText("\\\\.\\" + name).c_str(), PIPE_ACCESS_DUPLEX,
                                            PIPE_TYPE_BYTE | PIPE_WAIT, 1, 4096, 4096, 0, nullptr);
@@ -144,14 +146,15 @@ TEST(OpenRegularFile, RefusesAPipeThatSomebodyServes) {
     CloseHandle(server);
 }
 
-TEST(OpenRegularFile, KeepsNoHandleOfARefusedFileAndItsOwnFromChildren) {
+TEST(RegularFile, KeepsNoHandleOfARefusedFileAndItsOwnFromChildren) {
     TempDir world;
     const std::string path = world.Write("file", "text");
     const std::string folder = world.MakeFolder("folder");
-    const File file(process::OpenRegularFile(path.c_str()));
-    ASSERT_NE(file, nullptr);
+    process::RegularFile file;
+    ASSERT_TRUE(file.Open(path.c_str()));
     DWORD flags = 0;
-    const auto handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file.get())));
+    const auto handle =
+        reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(reinterpret_cast<FILE*>(file.handle()))));
     ASSERT_TRUE(GetHandleInformation(handle, &flags));
     EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0u);
     const int before = OpenFiles();
@@ -162,23 +165,25 @@ TEST(OpenRegularFile, KeepsNoHandleOfARefusedFileAndItsOwnFromChildren) {
     EXPECT_EQ(OpenFiles(), before);
 }
 
-TEST(OpenRegularFile, ReadsEveryByteAsItIs) {
+TEST(RegularFile, ReadsEveryByteAsItIs) {
     TempDir world;
     const std::string bytes("a\r\nb\x1A\0c", 7);
     const std::string path = world.Write("file", bytes);
-    const File file(process::OpenRegularFile(path.c_str()));
-    ASSERT_NE(file, nullptr);
+    process::RegularFile file;
+    ASSERT_TRUE(file.Open(path.c_str()));
     std::string read(bytes.size() + 1, 'x');
-    EXPECT_EQ(std::fread(read.data(), 1, read.size(), file.get()), bytes.size());
+    EXPECT_EQ(file.ReadWhole(read.data(), bytes.size()), static_cast<int64_t>(bytes.size()));
     EXPECT_EQ(read.substr(0, bytes.size()), bytes);
 }
 
-TEST(OpenRegularFile, FindsAFileByLettersOutsideTheCodePage) {
+TEST(RegularFile, FindsAFileByLettersOutsideTheCodePage) {
     TempDir world;
     const std::string path = world.Write("\xC3\xA4/\xE6\xBC\xA2/\xF0\x9F\x98\x80.xml", "text");
-    const File file(process::OpenRegularFile(path.c_str()));
-    ASSERT_NE(file, nullptr) << GetLastError();
-    EXPECT_EQ(process::SeekToEnd(file.get()), 4);
+    process::RegularFile file;
+    ASSERT_TRUE(file.Open(path.c_str())) << GetLastError();
+    char bytes[5] = {};
+    EXPECT_EQ(file.ReadWhole(bytes, 4), 4);
+    EXPECT_STREQ(bytes, "text");
 }
 
 }  // namespace
