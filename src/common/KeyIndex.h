@@ -15,11 +15,10 @@
 #include "common/TextHash.h"
 
 // Thread safety: none for changes; Find and Size on any threads while nobody changes it.
-// Invariants: at most three quarters of the slots are in use, and an object is in the first free
+// Invariants: at most seven eighths of the slots are in use, and an object is in the first free
 // slot from its hash on at the time it was added, or nearer. The objects belong to somebody else,
 // and their keys do not change while they are in.
-// KeyOf is a function object that gives an object's key; KeyOf::Has tells whether an object has a
-// key.
+// KeyOf is a function object that gives an object's key.
 template <class Object, class KeyOf>
 class KeyIndex {
   public:
@@ -34,7 +33,7 @@ class KeyIndex {
     // Null, or the object that has the key already. Without memory std::bad_alloc, and the index is
     // as it was.
     Object* Add(Object* object) {
-        if (4 * (size_ + 1) > 3 * count_) Grow();
+        if (8 * (size_ + 1) > 7 * count_) Grow();
         const std::string_view key = KeyOfObject(*object);
         const size_t hash = HashOfText(key);
         Slot& slot = slots_[Search(key, hash)];
@@ -81,7 +80,7 @@ class KeyIndex {
     size_t Search(std::string_view key, size_t hash) const {
         size_t at = hash & (count_ - 1);
         while (slots_[at].object != nullptr &&
-               (slots_[at].hash != hash || !KeyOf::Has(*slots_[at].object, key)))
+               (slots_[at].hash != hash || KeyOfObject(*slots_[at].object) != key))
             at = (at + 1) & (count_ - 1);
         return at;
     }

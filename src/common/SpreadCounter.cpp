@@ -38,7 +38,7 @@ void SpreadCounter::Raise(const ThreadState& thread) {
         own->raised.store(own->raised.load(std::memory_order_relaxed) + 1,
                           std::memory_order_release);
     else
-        cells_->shared.raised.fetch_add(1);
+        cells_->shared().raised.fetch_add(1);
 }
 
 void SpreadCounter::Lower(const ThreadState& thread) {
@@ -46,7 +46,7 @@ void SpreadCounter::Lower(const ThreadState& thread) {
         own->lowered.store(own->lowered.load(std::memory_order_relaxed) + 1,
                            std::memory_order_release);
     else
-        cells_->shared.lowered.fetch_add(1);
+        cells_->shared().lowered.fetch_add(1);
     AsymmetricFence::Light();
 }
 
@@ -56,13 +56,13 @@ bool SpreadCounter::IsZero() const {
 }
 
 int32_t SpreadCounter::Value() const {
-    uint32_t lowered = cells_->shared.lowered.load();
+    uint32_t lowered = cells_->shared().lowered.load();
     for (const LoneCell& cell : cells_->own) lowered += cell.lowered.load();
     const LoneCell* further = further_.load();
     for (int32_t i = 0; further != nullptr && i < kCells; ++i) lowered += further[i].lowered.load();
     // Cells that were made meanwhile count: what was lowered in another was perhaps raised there.
     further = further_.load();
-    uint32_t raised = cells_->shared.raised.load();
+    uint32_t raised = cells_->shared().raised.load();
     for (const LoneCell& cell : cells_->own) raised += cell.raised.load();
     for (int32_t i = 0; further != nullptr && i < kCells; ++i) raised += further[i].raised.load();
     return static_cast<int32_t>(raised - lowered);

@@ -20,17 +20,18 @@
 
 #include "common/ThreadScope.h"
 
-// What a counter counts in. The shared and the lone ones stand on lines of their own, away from
-// what is only read.
+// What a counter counts in. The lone ones stand on lines of their own, away from what is only read.
 struct CountingCell {
     std::atomic<uint32_t> raised{0};
     std::atomic<uint32_t> lowered{0};
 };
-struct alignas(kPlaceAlignment / 2) LoneCell : CountingCell {};
+struct alignas(kPlaceAlignment / 2) LoneCell : CountingCell {
+    CountingCell spare;  // of the second own cell: the shared one
+};
 struct CountingCells {
     static constexpr int32_t kOwn = 2;
     LoneCell own[kOwn];  // of the first places that come
-    CountingCell shared;
+    CountingCell& shared() { return own[kOwn - 1].spare; }
 };
 
 // Thread safety: every operation on any thread; the state is the calling thread's own.
@@ -55,7 +56,7 @@ class SpreadCounter {
     VESSA_COLD int32_t Value() const;
     // Whether it was ever raised.
     bool WasUsed() const {
-        return owners_[0].load() != kNobody || cells_->shared.raised.load() != 0;
+        return owners_[0].load() != kNobody || cells_->shared().raised.load() != 0;
     }
 
     static constexpr int32_t kCells = 8;

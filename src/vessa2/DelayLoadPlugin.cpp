@@ -9,13 +9,7 @@
 
 DelayLoadPlugin::DelayLoadPlugin(const std::string& fkey, const std::string& file_path,
                                  bool delay_load)
-    : key_size_(static_cast<uint8_t>(std::min<size_t>(fkey.size(), UINT8_MAX))),
-      instance_counter_(&cells_),
-      fkey_(fkey),
-      file_path_(file_path),
-      delay_load_(delay_load) {
-    if (fkey.size() <= kKeyHead) std::memcpy(key_head_, fkey.data(), fkey.size());
-}
+    : fkey_(fkey), instance_counter_(&cells_), file_path_(file_path), delay_load_(delay_load) {}
 
 // Null: no memory for them.
 DelayLoadPlugin::Locks* DelayLoadPlugin::MakeLocks() {

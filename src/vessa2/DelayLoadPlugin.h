@@ -1,13 +1,11 @@
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <cstring>
 #include <string>
-#include <string_view>
 
 #include "common/CallContext.h"
+#include "common/KeyText.h"
 #include "common/LockOrder.h"
 #include "common/SpreadCounter.h"
 #include "common/Sync.h"
@@ -53,11 +51,7 @@ class alignas(kPlaceAlignment / 2) DelayLoadPlugin {
     int QueryInterface(void* instance, TextRef ikey, void*& iface, int& plugin_error);
     int GetPluginMapFkeys(char (*fkeys)[TARNET_FKEY_SIZE], int* count);
 
-    const std::string& fkey() const { return fkey_; }
-    bool HasKey(std::string_view fkey) const {
-        if (fkey.size() > kKeyHead) return fkey_ == fkey;
-        return fkey.size() == key_size_ && std::memcmp(key_head_, fkey.data(), fkey.size()) == 0;
-    }
+    TextRef fkey() const { return fkey_.ref(); }
     const std::string& file_path() const { return file_path_; }
     bool delay_load() const { return delay_load_.load(); }
     void set_delay_load(bool delay_load) { delay_load_.store(delay_load); }
@@ -92,15 +86,12 @@ class alignas(kPlaceAlignment / 2) DelayLoadPlugin {
 
     // What every create reads stands together on the first line of the object, and the cells that
     // it writes to on the next ones.
-    static constexpr size_t kKeyHead = 28;
-    char key_head_[kKeyHead] = {};  // the fkey, if it is no longer
-    const uint8_t key_size_;        // of the fkey, or 255
+    const KeyText fkey_;
     std::atomic<int8_t> state_{kNotLoaded};
     std::atomic<bool> unregistered_{false};
     std::atomic<Plugin*> plugin_{nullptr};
     SpreadCounter instance_counter_;
     CountingCells cells_;
-    const std::string fkey_;
     const std::string file_path_;
     std::atomic<bool> delay_load_;
     std::atomic<bool> is_nested_{false};  // plugin_ comes from a load inside the module's Init

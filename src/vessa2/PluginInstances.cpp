@@ -231,8 +231,8 @@ void PluginProvider::UnloadAfterLastInstance(PluginRecord& record) {
 void PluginProvider::UnloadPutOff(PluginRecord& record) {
     Burial burial(graveyard_);
     GatePass pass(gate_, GatePass::AsWriter{});
-    const PluginRecord* const found = plugins_.Find(record.fkey());
-    if (found == nullptr && !plugins_.HasEntryWithoutRecord(record.fkey())) {
+    const PluginRecord* const found = plugins_.Find(record.fkey().view());
+    if (found == nullptr && !plugins_.HasEntryWithoutRecord(record.fkey().view())) {
         LOG_FORMAT(kInformation, "plugin already unloaded, fkey {0}, plugin file path {1}",
                    record.fkey(), record.file_path());
         return;

@@ -29,13 +29,13 @@ std::unique_ptr<PluginRecord> MakeRecord(const std::string& fkey, const std::str
 
 // One registered entry against the new plug-in. An entry that is reached under another key has
 // no record or the same file name.
-int CheckEntry(const std::string& key, const PluginRecord* entry, const std::string& fkey,
+int CheckEntry(TextRef key, const PluginRecord* entry, const std::string& fkey,
                const std::string& file_path) {
     if (entry == nullptr)
         LOG_FORMAT(kWarning,
                    "unexpected, plugin_collection contains invalid plugin, plugin fkey {0}", key);
     const std::string registered_path = entry == nullptr ? std::string() : entry->file_path();
-    if (fkey == key) {
+    if (TextRef(fkey) == key) {
         if (file_path != registered_path) {
             LOG_FORMAT(
                 kError,
@@ -128,10 +128,9 @@ int PluginProvider::EnterAndLoad(const std::string& fkey, const std::string& fil
 int PluginProvider::FindConflict(const std::string& fkey, const std::string& file_path,
                                  const std::string& filename) {
     if (CanMeetNothing(plugins_.Find(fkey), file_path, filename)) return VESSA_OK;
-    return plugins_.VisitInKeyOrder(fkey, filename,
-                                    [&](const std::string& key, const PluginRecord* entry) {
-                                        return CheckEntry(key, entry, fkey, file_path);
-                                    });
+    return plugins_.VisitInKeyOrder(fkey, filename, [&](TextRef key, const PluginRecord* entry) {
+        return CheckEntry(key, entry, fkey, file_path);
+    });
 }
 
 // Whether there is nothing to refuse and nothing to say. All keys of a file name have one path: if

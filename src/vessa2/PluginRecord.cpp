@@ -22,19 +22,20 @@ bool IsLookedAt(const PluginRecord& record) {
 PluginRecord::PluginRecord(const std::string& fkey, const std::string& file_path,
                            const std::string& filename, bool delay_load)
     : DelayLoadPlugin(fkey, file_path, delay_load),
-      own_filename_(EndsWith(file_path, filename) ? std::string() : filename),
-      filename_(own_filename_.empty()
-                    ? std::string_view(this->file_path()).substr(file_path.size() - filename.size())
-                    : std::string_view(own_filename_)) {
-    put_off_.run = &RunPutOff;
+      own_filename_(EndsWith(file_path, filename) ? nullptr
+                                                  : std::make_unique<const std::string>(filename)),
+      filename_(
+          own_filename_ != nullptr
+              ? std::string_view(*own_filename_)
+              : std::string_view(this->file_path()).substr(file_path.size() - filename.size())) {
+    run = &RunPutOff;
 }
 
 void PluginRecord::PutOffUnload(PluginProvider& provider, RegistryGate& gate) {
     if (is_put_off_.exchange(true)) return;
-    put_off_.provider = &provider;
-    put_off_.record = this;
+    provider_ = &provider;
     Pin();
-    gate.AfterRead(&put_off_);
+    gate.AfterRead(this);
 }
 
 void PluginRecord::RunPutOff(GateTask* task) {
@@ -45,11 +46,13 @@ void PluginRecord::RunPutOff(GateTask* task) {
             record.Unpin();
             provider.graveyard_.Sweep();
         }
-    } const done{*static_cast<PutOff*>(task)->record, *static_cast<PutOff*>(task)->provider};
+    };
+    auto& put_off = *static_cast<PluginRecord*>(task);
+    const Done done{put_off, *put_off.provider_};
     // Free for the next one before the conditions are tested again: whoever puts it off from
     // now on has seen what this thread will not look at any more.
-    done.record.is_put_off_.store(false);
-    done.provider.UnloadPutOff(done.record);
+    put_off.is_put_off_.store(false);
+    done.provider.UnloadPutOff(put_off);
 }
 
 PluginGraveyard::~PluginGraveyard() {

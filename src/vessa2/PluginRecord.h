@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -17,7 +18,7 @@ class PluginTable;
 // links belong to the table that the record is in.
 // Invariants: filename_ is constant. At most one thread at a time has put the unload off. What has
 // a pin is not deleted.
-class PluginRecord : public DelayLoadPlugin {
+class PluginRecord : public DelayLoadPlugin, private GateTask {
   public:
     // filename is the last name of the path in its normal form.
     PluginRecord(const std::string& fkey, const std::string& file_path, const std::string& filename,
@@ -39,19 +40,15 @@ class PluginRecord : public DelayLoadPlugin {
     friend class PluginTable;
     friend class PluginGraveyard;
 
-    struct PutOff : GateTask {
-        PluginRecord* record = nullptr;
-        PluginProvider* provider = nullptr;
-    };
     static void RunPutOff(GateTask* task);
 
-    const std::string own_filename_;  // empty when the path ends with it as it is
+    const std::unique_ptr<const std::string> own_filename_;  // null: the path ends with it
     const std::string_view filename_;
-    std::atomic<bool> is_put_off_{false};
+    PluginProvider* provider_ = nullptr;  // while the unload is put off
+    PluginRecord* previous_ = nullptr;    // among the records of one module file
+    PluginRecord* next_ = nullptr;        // the same, and in the graveyard
     std::atomic<int32_t> pins_{0};
-    PutOff put_off_;
-    PluginRecord* previous_ = nullptr;  // among the records of one module file
-    PluginRecord* next_ = nullptr;      // the same, and in the graveyard
+    std::atomic<bool> is_put_off_{false};
 };
 
 // Records that left the registry while a thread may still look at them. Such a thread has shown

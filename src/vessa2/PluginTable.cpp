@@ -44,7 +44,7 @@ void PluginTable::Add(PluginRecord* record) {
         try {
             by_filename_.Add(made.get());
         } catch (...) {
-            by_key_.Take(record->fkey());
+            by_key_.Take(record->fkey().view());
             throw;
         }
         chain = made.release();
@@ -53,7 +53,7 @@ void PluginTable::Add(PluginRecord* record) {
 }
 
 void PluginTable::Take(PluginRecord* record) {
-    by_key_.Take(record->fkey());
+    by_key_.Take(record->fkey().view());
     Chain* const chain = by_filename_.Find(record->filename());
     Unlink(*chain, record);
     if (chain->first != nullptr) return;

@@ -47,7 +47,7 @@ class PluginTable {
     // for which record is null, and every record with this file name, until visit gives other than
     // 0, which is the result. Without memory to sort std::bad_alloc.
     template <class Visit>
-    int VisitInKeyOrder(const std::string& fkey, std::string_view filename, Visit&& visit);
+    int VisitInKeyOrder(TextRef fkey, std::string_view filename, Visit&& visit);
 
     // Deletes everything.
     void Clear();
@@ -69,14 +69,12 @@ class PluginTable {
     static PluginRecord* NextOf(const PluginRecord* record) { return record->next_; }
 
     struct KeyOfRecord {
-        std::string_view operator()(const PluginRecord& record) const { return record.fkey(); }
-        static bool Has(const PluginRecord& record, std::string_view key) {
-            return record.HasKey(key);
+        std::string_view operator()(const PluginRecord& record) const {
+            return record.fkey().view();
         }
     };
     struct NameOfChain {
         std::string_view operator()(const Chain& chain) const { return chain.filename; }
-        static bool Has(const Chain& chain, std::string_view key) { return chain.filename == key; }
     };
 
     KeyIndex<PluginRecord, KeyOfRecord> by_key_;
@@ -85,22 +83,21 @@ class PluginTable {
 };
 
 template <class Visit>
-int PluginTable::VisitInKeyOrder(const std::string& fkey, std::string_view filename,
-                                 Visit&& visit) {
+int PluginTable::VisitInKeyOrder(TextRef fkey, std::string_view filename, Visit&& visit) {
     Chain* const chain = by_filename_.Find(filename);
     if (chain != nullptr && !chain->is_in_order) Sort(*chain);
-    PluginRecord* own = by_key_.Find(fkey);
+    PluginRecord* own = by_key_.Find(fkey.view());
     PluginRecord* named = chain != nullptr ? chain->first : nullptr;
     auto without = without_record_.begin();
     for (;;) {
         PluginRecord* record = own;
         if (named != nullptr && (record == nullptr || named->fkey() < record->fkey()))
             record = named;
-        const bool is_without =
-            without != without_record_.end() && (record == nullptr || *without < record->fkey());
+        const bool is_without = without != without_record_.end() &&
+                                (record == nullptr || TextRef(*without) < record->fkey());
         if (!is_without && record == nullptr) return 0;
         if (const int result =
-                is_without ? visit(*without, nullptr) : visit(record->fkey(), record))
+                is_without ? visit(TextRef(*without), nullptr) : visit(record->fkey(), record))
             return result;
         if (is_without) {
             ++without;
