@@ -1,0 +1,59 @@
+// SpinBarrier.h: lets threads go on together within a few instructions of each other, for races
+// that the sleep of an ordinary barrier, or the start of a thread, would tear apart.
+#ifndef VESSA_TESTS_UNIT_SPINBARRIER_H
+#define VESSA_TESTS_UNIT_SPINBARRIER_H
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "support/Sync.h"
+
+namespace vessa_test {
+
+// As Barrier; a wait is bounded by kLongWait.
+class SpinBarrier {
+  public:
+    explicit SpinBarrier(int threads) : threads_(threads) {}
+
+    void ArriveAndWait() {
+        const long round = round_.load();
+        if (arrived_.fetch_add(1) + 1 == threads_) {
+            arrived_.store(0);
+            round_.store(round + 1);
+            return;
+        }
+        const auto end = std::chrono::steady_clock::now() + kLongWait;
+        for (int looks = 1; round_.load() == round; ++looks) {
+            if (looks % kLooks != 0) continue;
+            // The one that is waited for may need this processor.
+            std::this_thread::yield();
+            if (std::chrono::steady_clock::now() > end) ThrowTimedOut("the others at a barrier");
+        }
+    }
+
+  private:
+    static constexpr int kLooks = 256;
+
+    const int threads_;
+    std::atomic<int> arrived_{0};
+    std::atomic<long> round_{0};
+};
+
+// Runs each body on a thread of its own, all from the same moment on, to the end of all.
+inline void RunTogether(const std::vector<std::function<void()>>& bodies) {
+    SpinBarrier start(static_cast<int>(bodies.size()));
+    std::vector<std::unique_ptr<JoiningThread>> threads;
+    for (const std::function<void()>& body : bodies)
+        threads.push_back(std::make_unique<JoiningThread>([&start, &body] {
+            start.ArriveAndWait();
+            body();
+        }));
+}
+
+}  // namespace vessa_test
+
+#endif
