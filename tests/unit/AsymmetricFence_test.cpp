@@ -10,6 +10,7 @@
 
 using vessa_test::RunTogether;
 using vessa_test::SpinBarrier;
+using vessa_test::Stagger;
 
 struct AsymmetricFenceAccess {
     static bool IsAsymmetric() { return AsymmetricFence::is_asymmetric_.load(); }
@@ -62,6 +63,7 @@ class AsymmetricFenceTest : public testing::TestWithParam<bool> {
         RunTogether({[&] {
                          for (int round = 1; round <= kRounds; ++round) {
                              barrier.ArriveAndWait();
+                             Stagger(round);
                              show_missed = show(round);
                              barrier.ArriveAndWait();
                          }
@@ -70,6 +72,7 @@ class AsymmetricFenceTest : public testing::TestWithParam<bool> {
                          const ThreadScope scope;
                          for (int round = 1; round <= kRounds; ++round) {
                              barrier.ArriveAndWait();
+                             Stagger(round / 40);
                              const bool missed = change(round);
                              barrier.ArriveAndWait();
                              both_missed += missed && show_missed;
@@ -114,9 +117,6 @@ TEST_P(AsymmetricFenceTest, OfOneThatTakesItsPlaceAndShowsAndOneThatChangesOneSe
     Run(
         [&](int round) {
             if (place != nullptr) ThreadPlaces::GiveBack(place);
-            // Before the other one goes on, or beside it.
-            for (std::atomic<int> delay{round % 16}; delay > 0; --delay) {
-            }
             place = ThreadPlaces::Take();
             return ShowsAndMisses(round);
         },

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <new>
 #include <random>
 #include <set>
@@ -492,38 +493,66 @@ TEST_F(InstanceTableRaces, OfSeveralInsertsAndOfSeveralTakesExactlyOneWins) {
     EXPECT_EQ(table.Size(), 0u);
 }
 
-// The other entries of the stripe come and go between those that stay, so that these are moved
-// all the time, and the stripe grows meanwhile.
+// Entries with one home: those in front come and go, so that the ones behind are moved all the
+// time. A place at the end of the row is new at each coming, so also for those that are looked for.
 TEST_F(InstanceTableRaces, FindNeverMissesAnEntryThatStaysAndNeverFindsOneThatWasNotThere) {
-    constexpr int kChangers = 2;
-    constexpr size_t kStaying = 8;
-    constexpr size_t kComing = 30;
-    const std::vector<void*> all = Meeting(kStaying + kChangers * kComing + 1, {61, 62, 63, 0, 1});
-    for (size_t i = 0; i < kStaying; ++i) ASSERT_TRUE(table.Insert(all[i], RecordOf(i)));
-    std::atomic<int> changers{kChangers};
-    const auto change = [&](size_t changer) {
-        std::mt19937 random(static_cast<unsigned>(changer));
-        std::vector<bool> is_in(kComing);
-        for (int step = 0; step < 2 * kRaceRounds; ++step) {
-            const size_t which = random() % kComing;
-            const size_t number = kStaying + changer * kComing + which;
-            wrong += is_in[which] ? table.Take(all[number], false, Ignore) != InstanceTable::kTaken
-                                  : !table.Insert(all[number], RecordOf(number));
-            is_in[which] = !is_in[which];
-            wrong += table.Find(all[number]).is_there != is_in[which];
+    constexpr size_t kComing = 12;
+    constexpr size_t kLookedFor = 3;
+    const std::vector<void*> all = Meeting(kComing + 2 * kLookedFor + 1, {63});
+    std::atomic<int> finders{2};
+    const auto find = [&](size_t first) {
+        for (int round = 0; round < kRaceRounds / 2; ++round) {
+            for (size_t i = first; i < first + kLookedFor; ++i)
+                wrong += !table.Insert(all[i], RecordOf(i));
+            for (int look = 0; look < 4; ++look)
+                for (size_t i = first; i < first + kLookedFor; ++i)
+                    wrong += !Has(table, all[i], RecordOf(i));
+            for (size_t i = first; i < first + kLookedFor; ++i)
+                wrong += table.Take(all[i], false, Ignore) != InstanceTable::kTaken;
+            wrong += table.Find(all[first]).is_there;
+            wrong += table.Find(all.back()).is_there;
         }
-        --changers;
+        --finders;
     };
-    RunTogether({[&] { change(0); }, [&] { change(1); },
+    RunTogether({[&] { find(kComing); }, [&] { find(kComing + kLookedFor); },
                  [&] {
-                     do {
-                         for (size_t i = 0; i < kStaying; ++i)
-                             wrong += !Has(table, all[i], RecordOf(i));
-                         wrong += table.Find(all.back()).is_there;
-                     } while (changers > 0);
+                     while (finders > 0) {
+                         for (size_t i = 0; i < kComing; ++i)
+                             wrong += !table.Insert(all[i], RecordOf(i));
+                         for (size_t i = 0; i < kComing; ++i)
+                             wrong += table.Take(all[i], false, Ignore) != InstanceTable::kTaken;
+                     }
                  }});
     EXPECT_EQ(wrong, 0);
-    for (size_t i = 0; i < kStaying; ++i) EXPECT_TRUE(Has(table, all[i], RecordOf(i)));
+    EXPECT_EQ(table.Size(), 0u);
+}
+
+// Each of them may find the stripe full and double its slots.
+TEST_F(InstanceTableRaces, NothingIsLostWhileSeveralThreadsMakeTheTableGrow) {
+    constexpr size_t kThreads = 3;
+    constexpr size_t kEach = 9;
+    constexpr int kRounds = kRaceRounds / 10;
+    const std::vector<void*> pointers = Meeting(kThreads * kEach, kAnyHome);
+    std::vector<std::unique_ptr<InstanceTable>> tables;
+    for (int round = 0; round < kRounds; ++round)
+        tables.push_back(std::make_unique<InstanceTable>());
+    SpinBarrier barrier(static_cast<int>(kThreads));
+    Bodies bodies;
+    for (size_t thread = 0; thread < kThreads; ++thread)
+        bodies.push_back([&, first = thread * kEach] {
+            for (const auto& fresh : tables) {
+                barrier.ArriveAndWait();
+                for (size_t i = first; i < first + kEach; ++i)
+                    wrong += !fresh->Insert(pointers[i], RecordOf(i));
+            }
+        });
+    RunTogether(bodies);
+    EXPECT_EQ(wrong, 0);
+    for (const auto& grown : tables) {
+        ASSERT_EQ(grown->Size(), pointers.size());
+        for (size_t i = 0; i < pointers.size(); ++i)
+            ASSERT_TRUE(Has(*grown, pointers[i], RecordOf(i)));
+    }
 }
 
 // Each generation of the entry has a record of its own, by which its finder tells it.

@@ -43,6 +43,14 @@ class SpinBarrier {
     std::atomic<long> round_{0};
 };
 
+// A few instructions, more or fewer by the round: two threads behind a barrier, one of which is
+// always a little later, so meet at each distance from one another.
+inline void Stagger(int round) {
+    constexpr int kSteps = 40;
+    for (std::atomic<int> left{round % kSteps}; left.load(std::memory_order_relaxed) > 0;)
+        left.store(left.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+}
+
 // Runs each body on a thread of its own, all from the same moment on, to the end of all.
 inline void RunTogether(const std::vector<std::function<void()>>& bodies) {
     SpinBarrier start(static_cast<int>(bodies.size()));

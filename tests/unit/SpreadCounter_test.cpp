@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "common/AsymmetricFence.h"
 #include "support/Allocation.h"
 #include "unit/SpinBarrier.h"
 
@@ -15,6 +16,13 @@ using vessa_test::AllocationFailure;
 using vessa_test::LiveBlocks;
 using vessa_test::RunTogether;
 using vessa_test::SpinBarrier;
+using vessa_test::Stagger;
+
+struct AsymmetricFenceAccess {
+    static void SetAsymmetric(bool is_asymmetric) {
+        AsymmetricFence::is_asymmetric_.store(is_asymmetric);
+    }
+};
 
 namespace {
 
@@ -194,9 +202,10 @@ void LowerToZeroTogether(const std::vector<int32_t>& places) {
     for (const int32_t place : places)
         bodies.push_back([&, place] {
             const AtPlace own(place);
-            for (int round = 0; round < kRaceRounds / 5; ++round) {
+            for (int round = 0; round < kRaceRounds / 2; ++round) {
                 counter.Raise(own);
                 barrier.ArriveAndWait();
+                Stagger(place == places.front() ? round : round / 40);
                 counter.Lower(own);
                 if (counter.IsZero()) ++saw_zero;
                 barrier.ArriveAndWait();
@@ -210,9 +219,41 @@ void LowerToZeroTogether(const std::vector<int32_t>& places) {
 }
 
 TEST(SpreadCounter, OfThreadsThatLowerItToZeroOneAtLeastFindsItZero) {
-    LowerToZeroTogether({0, 1});
-    LowerToZeroTogether({0, kCells});
-    LowerToZeroTogether({0, 1, kCells});
+    // The fence that lowering runs in the one kind must not be what it hangs on.
+    for (const bool is_asymmetric : {false, true}) {
+        AsymmetricFenceAccess::SetAsymmetric(is_asymmetric);
+        LowerToZeroTogether({0, 1});
+        LowerToZeroTogether({0, kCells});
+        LowerToZeroTogether({0, 1, kCells});
+    }
+    AsymmetricFenceAccess::SetAsymmetric(false);
+}
+
+// One thread raises in a cell, the first one, and lowers in the shared one: who has not seen the
+// cells must not see the lowering alone.
+TEST(SpreadCounter, IsNotZeroBecauseItsCellsWereMadeInTheMiddleOfALook) {
+    const AtPlace with_cell(0);
+    const AtPlace without_cell(kCells);
+    const AtPlace observer(kCells + 1);
+    std::vector<SpreadCounter> counters(kRaceRounds);
+    std::atomic<int> wrong{0};
+    SpinBarrier barrier(2);
+    RunTogether({[&] {
+                     for (SpreadCounter& counter : counters) {
+                         barrier.ArriveAndWait();
+                         Stagger(static_cast<int>(&counter - counters.data()));
+                         counter.Raise(with_cell);
+                         counter.Lower(without_cell);
+                     }
+                 },
+                 [&] {
+                     for (SpreadCounter& counter : counters) {
+                         counter.Raise(observer);
+                         barrier.ArriveAndWait();
+                         for (int look = 0; look < 10; ++look) wrong += counter.Value() < 1;
+                     }
+                 }});
+    EXPECT_EQ(wrong, 0);
 }
 
 // The cells are made by whoever comes first, while the others count on.
