@@ -66,14 +66,16 @@ class CAPABILITY("gate") RegistryGate {
     // in the order in which they were handed over.
     void AfterRead(GateTask* task);
 
-    // The threads that read.
+    // The threads that read, and whether any does.
     int32_t Readers() const;
+    bool HasReaders() const;
     // Writers that are in, or wait.
     int32_t Writers() const { return attention_.load() / kWriter; }
 
   private:
     friend class GatePass;
     friend class GateRead;
+    friend struct RegistryGateAccess;  // tests look at the counts
 
     void Read(ThreadState& thread, GateHold& hold);
     void EndRead(ThreadState& thread, GateHold& hold);
@@ -81,7 +83,6 @@ class CAPABILITY("gate") RegistryGate {
     void EnterAsWriter();
     void LeaveReadersATurn();
     void WaitForReaders();
-    bool HasReaders() const;
     bool SeesReadersLeave() const;
     void ExitAsWriter();
     GateHold::Shown Downgrade(ThreadState& thread);

@@ -14,6 +14,7 @@ namespace {
 void StartAfresh(ThreadState& state) {
     state.frames = 0;
     state.plugin_calls = 0;
+    state.strict_reads = 0;
     state.holds = nullptr;
     state.timer = nullptr;
     state.starting = false;

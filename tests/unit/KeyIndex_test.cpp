@@ -170,7 +170,7 @@ TEST(KeyIndex, DoesWhatAMapDoes) {
 TEST(KeyIndex, AFailingGrowthLeavesItAsItWasAndTheNextTryWorks) {
     std::vector<Named> objects = AtHome(50, {0, 5, 10, 15});
     // So many that the next one needs more slots: none yet, sixteen, thirty-two.
-    for (const size_t full : {size_t{0}, size_t{12}, size_t{24}}) {
+    for (const size_t full : {size_t{0}, size_t{14}, size_t{28}}) {
         Index index;
         for (size_t i = 0; i < full; ++i) ASSERT_EQ(index.Add(&objects[i]), nullptr);
         bool threw = false;

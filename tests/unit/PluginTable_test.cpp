@@ -53,9 +53,9 @@ class PluginTableTest : public testing::Test {
     }
     Visits Visited(const std::string& fkey, const std::string& filename) {
         Visits visited;
-        const int result = table.VisitInKeyOrder(
-            fkey, filename, [&](const std::string& key, const PluginRecord* record) {
-                visited.emplace_back(key, record);
+        const int result =
+            table.VisitInKeyOrder(fkey, filename, [&](TextRef key, const PluginRecord* record) {
+                visited.emplace_back(key.view(), record);
                 return 0;
             });
         EXPECT_EQ(result, 0);
@@ -175,9 +175,9 @@ TEST_F(PluginTableTest, EndsTheVisitWithTheFirstResultOtherThanZero) {
     ASSERT_EQ(all.size(), 4u);
     for (size_t last = 0; last < all.size(); ++last) {
         Visits visited;
-        const int result = table.VisitInKeyOrder(
-            "d", "x", [&](const std::string& key, const PluginRecord* record) {
-                visited.emplace_back(key, record);
+        const int result =
+            table.VisitInKeyOrder("d", "x", [&](TextRef key, const PluginRecord* record) {
+                visited.emplace_back(key.view(), record);
                 return visited.size() == last + 1 ? -7 : 0;
             });
         EXPECT_EQ(result, -7);
@@ -266,7 +266,7 @@ TEST_F(PluginTableTest, WithoutMemoryToSortNobodyIsVisitedAndTheNextVisitIsInOrd
         {
             AllocationFailure failure(nth);
             try {
-                table.VisitInKeyOrder("k", "x", [&](const std::string&, const PluginRecord*) {
+                table.VisitInKeyOrder("k", "x", [&](TextRef, const PluginRecord*) {
                     ++visits;
                     return 0;
                 });

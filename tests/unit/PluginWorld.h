@@ -39,7 +39,7 @@ struct PluginProviderAccess {
         NO_THREAD_SAFETY_ANALYSIS {
         std::map<std::string, PluginRecord*> all;
         provider.plugins_.by_key_.ForEach(
-            [&](PluginRecord& record) { all.emplace(record.fkey(), &record); });
+            [&](PluginRecord& record) { all.emplace(record.fkey().view(), &record); });
         for (const std::string& fkey : provider.plugins_.without_record_)
             all.emplace(fkey, nullptr);
         return all;

@@ -29,7 +29,7 @@ TEST(RunSort, SortsAsAStableSortDoes) {
     std::mt19937 random(7);
     for (int round = 0; round < 3000; ++round) {
         std::vector<int> keys(random() % 40);
-        const unsigned different = 1 + random() % 50;
+        const unsigned long different = 1 + random() % 50;
         for (int& key : keys) key = static_cast<int>(random() % different);
         // Runs of several lengths.
         for (size_t at = 0; at < keys.size();) {

@@ -35,8 +35,22 @@ struct AtPlace : ThreadState {
     explicit AtPlace(int32_t wanted) { place = wanted; }
 };
 
+// A counter with the cells that its owner has for it.
+struct Counter : CountingCells, SpreadCounter {
+    Counter() : SpreadCounter(this) {}
+};
+
+// Takes the cells of the first two places, so that others need the further ones.
+void TakeOwnCells(SpreadCounter& counter) {
+    for (const int32_t place : {kCells - 2, kCells - 3}) {
+        const AtPlace thread(place);
+        counter.Raise(thread);
+        counter.Lower(thread);
+    }
+}
+
 TEST(SpreadCounter, IsZeroAndUnusedBeforeItIsRaised) {
-    const SpreadCounter counter;
+    const Counter counter;
     EXPECT_TRUE(counter.IsZero());
     EXPECT_EQ(counter.Value(), 0);
     EXPECT_FALSE(counter.WasUsed());
@@ -45,7 +59,7 @@ TEST(SpreadCounter, IsZeroAndUnusedBeforeItIsRaised) {
 TEST(SpreadCounter, CountsInTheCellsOfItsPlacesAndInTheSharedOneOfAllOthers) {
     for (const int32_t place : {0, 1, kCells - 1, kCells, kCells + 1, 1000}) {
         const AtPlace thread(place);
-        SpreadCounter counter;
+        Counter counter;
         for (int32_t raised = 1; raised <= 3; ++raised) {
             counter.Raise(thread);
             EXPECT_EQ(counter.Value(), raised) << place;
@@ -60,29 +74,28 @@ TEST(SpreadCounter, CountsInTheCellsOfItsPlacesAndInTheSharedOneOfAllOthers) {
     }
 }
 
-TEST(SpreadCounter, MakesItsCellsOnceAndOnlyForAPlaceThatHasOne) {
-    const AtPlace with_cell(kCells - 1);
-    const AtPlace other(0);
+TEST(SpreadCounter, MakesFurtherCellsOnceAndOnlyForAThirdPlaceThatHasOne) {
+    const AtPlace first(kCells - 1);
+    const AtPlace second(0);
+    const AtPlace third(1);
+    const AtPlace fourth(2);
     const AtPlace without_cell(kCells);
     const long blocks_before = LiveBlocks();
     {
-        SpreadCounter counter;
-        long counted[3] = {};
+        Counter counter;
+        std::vector<long> counted;
+        counted.reserve(6);
         {
             AllocationFailure none(0);
-            counter.Raise(without_cell);
-            counter.Lower(without_cell);
-            counted[0] = none.Count();
-            counter.Raise(with_cell);
-            counted[1] = none.Count();
-            counter.Raise(other);
-            counter.Lower(with_cell);
-            counter.Lower(other);
-            counted[2] = none.Count();
+            for (const AtPlace* const thread : {&without_cell, &first, &second, &third, &fourth}) {
+                counter.Raise(*thread);
+                counted.push_back(none.Count());
+            }
+            for (const AtPlace* const thread : {&without_cell, &first, &second, &third, &fourth})
+                counter.Lower(*thread);
+            counted.push_back(none.Count());
         }
-        EXPECT_EQ(counted[0], 0);
-        EXPECT_EQ(counted[1], 1);
-        EXPECT_EQ(counted[2], 1);
+        EXPECT_EQ(counted, (std::vector<long>{0, 0, 0, 1, 1, 1}));
         EXPECT_TRUE(counter.IsZero());
     }
     EXPECT_EQ(LiveBlocks(), blocks_before);
@@ -91,7 +104,8 @@ TEST(SpreadCounter, MakesItsCellsOnceAndOnlyForAPlaceThatHasOne) {
 TEST(SpreadCounter, CountsWithoutMemoryForItsCellsAndGoesOnWhenThereIsSome) {
     const AtPlace thread(0);
     const AtPlace other(1);
-    SpreadCounter counter;
+    Counter counter;
+    TakeOwnCells(counter);
     {
         AllocationFailure none(1, AllocationFailure::Mode::kFromNth);
         counter.Raise(thread);
@@ -118,7 +132,7 @@ TEST(SpreadCounter, CountsWithoutMemoryForItsCellsAndGoesOnWhenThereIsSome) {
 // cells come into being in the middle.
 TEST(SpreadCounter, HasTheValueOfAPlainNumberWhoeverRaisesAndLowers) {
     std::mt19937 random(1);
-    SpreadCounter counter;
+    Counter counter;
     int32_t expected = 0;
     for (int step = 0; step < 20000; ++step) {
         const AtPlace thread(static_cast<int32_t>(random() % (kCells + 4)));
@@ -135,7 +149,7 @@ TEST(SpreadCounter, HasTheValueOfAPlainNumberWhoeverRaisesAndLowers) {
 
 TEST(SpreadCounter, IsNeverZeroWhileSomebodyHasRaisedIt) {
     const AtPlace observers[2] = {AtPlace(0), AtPlace(kCells)};
-    SpreadCounter counter;
+    Counter counter;
     std::atomic<int> wrong{0};
     std::atomic<int> changers{2};
     // What was raised and not lowered, by whomever: a thread lowers what the other one raised.
@@ -175,7 +189,7 @@ TEST(SpreadCounter, IsNeverZeroWhileSomebodyHasRaisedIt) {
 
 TEST(SpreadCounter, HasTheExactValueAfterManyThreads) {
     constexpr int32_t kThreads = 4;
-    SpreadCounter counter;
+    Counter counter;
     std::vector<std::function<void()>> bodies;
     for (int32_t thread = 0; thread < kThreads; ++thread)
         bodies.push_back([&, thread] {
@@ -195,7 +209,7 @@ TEST(SpreadCounter, HasTheExactValueAfterManyThreads) {
 void LowerToZeroTogether(const std::vector<int32_t>& places) {
     const int threads = static_cast<int>(places.size());
     SpinBarrier barrier(threads);
-    SpreadCounter counter;
+    Counter counter;
     std::atomic<int> saw_zero{0};
     std::atomic<int> wrong{0};
     std::vector<std::function<void()>> bodies;
@@ -235,11 +249,12 @@ TEST(SpreadCounter, IsNotZeroBecauseItsCellsWereMadeInTheMiddleOfALook) {
     const AtPlace with_cell(0);
     const AtPlace without_cell(kCells);
     const AtPlace observer(kCells + 1);
-    std::vector<SpreadCounter> counters(kRaceRounds);
+    std::vector<Counter> counters(kRaceRounds);
+    for (Counter& counter : counters) TakeOwnCells(counter);
     std::atomic<int> wrong{0};
     SpinBarrier barrier(2);
     RunTogether({[&] {
-                     for (SpreadCounter& counter : counters) {
+                     for (Counter& counter : counters) {
                          barrier.ArriveAndWait();
                          Stagger(static_cast<int>(&counter - counters.data()));
                          counter.Raise(with_cell);
@@ -247,7 +262,7 @@ TEST(SpreadCounter, IsNotZeroBecauseItsCellsWereMadeInTheMiddleOfALook) {
                      }
                  },
                  [&] {
-                     for (SpreadCounter& counter : counters) {
+                     for (Counter& counter : counters) {
                          counter.Raise(observer);
                          barrier.ArriveAndWait();
                          for (int look = 0; look < 10; ++look) wrong += counter.Value() < 1;
@@ -262,15 +277,16 @@ TEST(SpreadCounter, LosesNothingWhileSeveralThreadsMakeItsCells) {
     constexpr int kCounters = kRaceRounds / 10;
     const long blocks_before = LiveBlocks();
     {
-        std::vector<SpreadCounter> counters(kCounters);
+        std::vector<Counter> counters(kCounters);
+        for (Counter& counter : counters) TakeOwnCells(counter);
         std::vector<std::function<void()>> bodies;
         for (int32_t thread = 0; thread < kThreads; ++thread)
             bodies.push_back([&, thread] {
                 const AtPlace own(thread);
-                for (SpreadCounter& counter : counters) counter.Raise(own);
+                for (Counter& counter : counters) counter.Raise(own);
             });
         RunTogether(bodies);
-        for (const SpreadCounter& counter : counters) ASSERT_EQ(counter.Value(), kThreads);
+        for (const Counter& counter : counters) ASSERT_EQ(counter.Value(), kThreads);
     }
     EXPECT_EQ(LiveBlocks(), blocks_before);
 }
