@@ -9,16 +9,22 @@
 
 #include "common/AsymmetricFence.h"
 #include "common/RegistryGate.h"
+#include "common/SpinWait.h"
 #include "support/Sync.h"
 #include "unit/SpinBarrier.h"
 
+using vessa_test::ColdStores;
 using vessa_test::JoiningThread;
 using vessa_test::RunTogether;
+using vessa_test::SpinBarrier;
+using vessa_test::Stagger;
 
 struct RegistryGateAccess {
     static bool IsStrict(const RegistryGate& gate) {
         return (gate.attention_.load() & RegistryGate::kStrict) != 0;
     }
+    // While nobody is at the gate: as after many reads.
+    static void LeaveStrict(RegistryGate& gate) { gate.attention_.store(0); }
     static int32_t Counted(const RegistryGate& gate) { return gate.counted_.load(); }
     static int32_t Sleepers(const RegistryGate& gate) { return gate.sleepers_.load(); }
     static constexpr int32_t kStrictReads = RegistryGate::kStrictReads;
@@ -80,7 +86,9 @@ class RegistryGateReaders : public testing::TestWithParam<bool> {
         ++first;
         ++second;
     }
-    void Look() { wrong += first != second; }
+    void Look() {
+        if (first != second) ++wrong;
+    }
 
     void ReadMany(int times) {
         for (int i = 0; i < times; ++i) {
@@ -125,6 +133,45 @@ TEST_P(RegistryGateReaders, NeverSeeWhatAWriterHasHalfDone) {
     EXPECT_EQ(wrong, 0);
     EXPECT_EQ(first, 2 * kWrites);
     EXPECT_EQ(second, 2 * kWrites);
+}
+
+// One read and one write at each distance from one another: with readers that run their own fence
+// since a write before, and with those that run none. Some writes last longer than a reader looks
+// for their end.
+TEST_P(RegistryGateReaders, NeverMeetAWriterThatComesAtTheSameMoment) {
+    constexpr int kLongWrite = 3000;
+    SpinBarrier barrier(2);
+    ColdStores stores;
+    RunTogether({[&] {
+                     for (int round = 0; round < kReads / 2; ++round) {
+                         barrier.ArriveAndWait();
+                         Stagger(round);
+                         if (round % 4 != 3) stores.Make();
+                         Reading(gate, [&] {
+                             for (int look = 0; look < 30; ++look) {
+                                 Look();
+                                 SpinWait();
+                             }
+                         });
+                         barrier.ArriveAndWait();
+                     }
+                 },
+                 [&] {
+                     for (int round = 0; round < kReads / 2; ++round) {
+                         if (round % 2 == 0) Access::LeaveStrict(gate);
+                         barrier.ArriveAndWait();
+                         Stagger(round / 40);
+                         if (round % 3 == 0) Stagger(39);
+                         Writing(gate, [&] {
+                             ++first;
+                             for (int i = round % 16 == 0 ? kLongWrite : 10; i > 0; --i) SpinWait();
+                             ++second;
+                         });
+                         barrier.ArriveAndWait();
+                     }
+                 }});
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(first, kReads / 2);
 }
 
 // Long stretches without writers end the mode in which readers run their own fence, so that each

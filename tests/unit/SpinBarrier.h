@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -50,6 +51,25 @@ inline void Stagger(int round) {
     for (std::atomic<int> left{round % kSteps}; left.load(std::memory_order_relaxed) > 0;)
         left.store(left.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
 }
+
+// Stores to memory that is in no cache. Behind them the next store of the thread waits to be seen
+// by others, for far longer than by itself, while loads go ahead: without a fence this shows.
+class ColdStores {
+  public:
+    void Make() {
+        for (int i = 0; i < kAtOnce; ++i) {
+            at_ = (at_ + kStep) % memory_.size();
+            memory_[at_] = static_cast<unsigned char>(i);
+        }
+    }
+
+  private:
+    static constexpr int kAtOnce = 40;
+    static constexpr size_t kStep = 64 * 1021;
+
+    std::vector<unsigned char> memory_ = std::vector<unsigned char>(size_t{1} << 25);
+    size_t at_ = 0;
+};
 
 // Runs each body on a thread of its own, all from the same moment on, to the end of all.
 inline void RunTogether(const std::vector<std::function<void()>>& bodies) {
