@@ -65,16 +65,20 @@ TEST(LogView, LooksOnceForAStretchInWhichNothingIsWritten) {
 
 TEST(LogView, LooksAgainAfterEachRecordThatItWrote) {
     for (const bool is_plain : {true, false}) {
-        LogCapture log(2);
-        log.OnLine("first", [] { SetThreshold(5); });
+        LogCapture log(4);
+        log.OnLine("first", [] { SetThreshold(1); });
+        log.OnLine("third", [] { SetThreshold(5); });
         LogView view;
-        if (is_plain)
-            LOG_PLAIN_IN(view, kDebug, "first");
-        else
-            LOG_FORMAT_IN(view, kDebug, "{0}", "first");
-        LOG_PLAIN_IN(view, kWarning, "second");
-        LOG_FORMAT_IN(view, kError, "{0}", "third");
-        EXPECT_TRUE(log.Is({"2 first", "5 third"}));
+        LOG_FORMAT_IN(view, kInformation, "{0}", "before");
+        for (const char* const text : {"first", "second", "third", "fourth"}) {
+            const int32_t level = text == std::string("first") ? kWarning : kDebug;
+            if (is_plain)
+                LOG_PLAIN_IN(view, level, text);
+            else
+                LOG_FORMAT_IN(view, level, "{0}", text);
+        }
+        LOG_FORMAT_IN(view, kError, "{0}", "last");
+        EXPECT_TRUE(log.Is({"4 first", "2 second", "2 third", "5 last"}));
     }
 }
 

@@ -474,5 +474,68 @@ TEST_F(PluginProviderOracleThreads, QueryARecordThatGoesMeanwhileFromInsideAQuer
     EXPECT_EQ(provider->UnregisterPlugin("c"), VESSA_OK);
 }
 
+// A module destroys the instance that is being queried and has its plug-in unregistered; the query
+// still has things to say of it. Mutexes are what tells whether a record that was loaded is there.
+class PluginProviderOracleRecords : public PluginProviderOracle {
+  protected:
+    void SetUp() override {
+        path = Module("good_v2", "shared");
+        // Keeps the module while the record goes.
+        ASSERT_EQ(provider->RegisterPlugin("keeper", path, false), VESSA_OK);
+        ASSERT_EQ(provider->RegisterPlugin(fkey, path, true), VESSA_OK);
+        ASSERT_EQ(provider->CreateInstance(fkey, instance, error), VESSA_OK);
+        hook.On("shared", "QueryInterface", [&](ModuleCall& call) {
+            const long mutexes = Runtime::Census().mutexes;
+            int own_error = 0;
+            EXPECT_EQ(provider->DestroyInstance(instance, own_error), VESSA_OK);
+            EXPECT_EQ(provider->UnregisterPlugin(fkey), VESSA_OK);
+            EXPECT_EQ(Runtime::Census().mutexes, mutexes);
+            call.Return(TEST_MODULE_ERR_QUERY);
+        });
+    }
+    void TearDown() override {
+        EXPECT_EQ(provider->UnregisterPlugin("keeper"), VESSA_OK);
+        PluginProviderOracle::TearDown();
+    }
+
+    void QueryAndSeeTheRecordGoAfterwards() {
+        const long mutexes = Runtime::Census().mutexes;
+        const LogCapture log(5);
+        void* found = nullptr;
+        EXPECT_EQ(provider->QueryInterface(instance, "i", found, error), VESSA_FAILED);
+        EXPECT_EQ(error, TEST_MODULE_ERR_QUERY);
+        const std::string failed = "5 query plugin interface failed ";
+        EXPECT_TRUE(
+            log.Is({failed + Code(TEST_MODULE_ERR_QUERY) +
+                        ", instance {*i}, ikey i, plugin {*p}, plugin file path " + path,
+                    failed + Code(VESSA_FAILED) + ", plugin_error " + Code(TEST_MODULE_ERR_QUERY) +
+                        ", instance {*i}, ikey i, fkey " + fkey + ", plugin file path " + path}));
+        EXPECT_LT(Runtime::Census().mutexes, mutexes);
+    }
+
+    // Too long to stand in the record itself.
+    const std::string fkey = "com.example.a.key.of.more.than.a.few.letters";
+    std::string path;
+    void* instance = nullptr;
+    int error = 0;
+    ModuleHook hook;
+};
+
+TEST_F(PluginProviderOracleRecords, StayUntilTheQueryEndsInWhichTheyWereUnregistered) {
+    QueryAndSeeTheRecordGoAfterwards();
+}
+
+TEST_F(PluginProviderOracleRecords, StayUntilANestedQueryEndsInWhichTheyWereUnregistered) {
+    ASSERT_EQ(provider->RegisterPlugin("outer", Module("good_v2", "own"), false), VESSA_OK);
+    void* outer = nullptr;
+    ASSERT_EQ(provider->CreateInstance("outer", outer, error), VESSA_OK);
+    hook.On("own", "QueryInterface", [&](ModuleCall&) { QueryAndSeeTheRecordGoAfterwards(); });
+    void* found = nullptr;
+    int outer_error = 0;
+    EXPECT_EQ(provider->QueryInterface(outer, TEST_MODULE_IKEY, found, outer_error), VESSA_OK);
+    EXPECT_EQ(provider->DestroyInstance(outer, outer_error), VESSA_OK);
+    EXPECT_EQ(provider->UnregisterPlugin("outer"), VESSA_OK);
+}
+
 }  // namespace
 }  // namespace vessa_test

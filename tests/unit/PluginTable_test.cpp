@@ -282,6 +282,16 @@ TEST_F(PluginTableTest, WithoutMemoryToSortNobodyIsVisitedAndTheNextVisitIsInOrd
         EXPECT_EQ(table.Records(), 4u);
     }
     EXPECT_GT(failures, 0);
+    // What is in order is not sorted again.
+    int visits = 0;
+    {
+        AllocationFailure none(1, AllocationFailure::Mode::kFromNth);
+        table.VisitInKeyOrder("k", "x", [&](const std::string&, const PluginRecord*) {
+            ++visits;
+            return 0;
+        });
+    }
+    EXPECT_EQ(visits, 4);
     CompareVisit("k", "x");
 }
 
