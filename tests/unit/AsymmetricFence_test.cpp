@@ -8,6 +8,7 @@
 #include "common/ThreadScope.h"
 #include "unit/SpinBarrier.h"
 
+using vessa_test::ColdStores;
 using vessa_test::RunTogether;
 using vessa_test::SpinBarrier;
 using vessa_test::Stagger;
@@ -23,6 +24,8 @@ namespace {
 
 // Emulators and sanitizers are some ten times slower: small enough for them.
 constexpr int kRounds = 20000;
+// A fence on all threads takes as long as some thousand other steps.
+constexpr int kRoundsWithSystem = 4000;
 
 // Both kinds: with a fence that one side runs on all threads, and with one on each side.
 class AsymmetricFenceTest : public testing::TestWithParam<bool> {
@@ -57,22 +60,26 @@ class AsymmetricFenceTest : public testing::TestWithParam<bool> {
 
     // Counts the rounds in which both missed the other's store, which must not be.
     void Run(const std::function<bool(int)>& show, const std::function<bool(int)>& change) {
+        const int rounds = GetParam() ? kRoundsWithSystem : kRounds;
         SpinBarrier barrier(2);
+        ColdStores stores;
         bool show_missed = false;
         int both_missed = 0;
         RunTogether({[&] {
-                         for (int round = 1; round <= kRounds; ++round) {
+                         for (int round = 1; round <= rounds; ++round) {
                              barrier.ArriveAndWait();
                              Stagger(round);
+                             if (round % 4 != 0) stores.Make();
                              show_missed = show(round);
                              barrier.ArriveAndWait();
                          }
                      },
                      [&] {
                          const ThreadScope scope;
-                         for (int round = 1; round <= kRounds; ++round) {
+                         for (int round = 1; round <= rounds; ++round) {
                              barrier.ArriveAndWait();
                              Stagger(round / 40);
+                             if (round % 3 == 0) Stagger(39);
                              const bool missed = change(round);
                              barrier.ArriveAndWait();
                              both_missed += missed && show_missed;
