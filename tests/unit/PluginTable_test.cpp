@@ -286,7 +286,7 @@ TEST_F(PluginTableTest, WithoutMemoryToSortNobodyIsVisitedAndTheNextVisitIsInOrd
     int visits = 0;
     {
         AllocationFailure none(1, AllocationFailure::Mode::kFromNth);
-        table.VisitInKeyOrder("k", "x", [&](const std::string&, const PluginRecord*) {
+        table.VisitInKeyOrder("k", "x", [&](TextRef, const PluginRecord*) {
             ++visits;
             return 0;
         });
