@@ -80,7 +80,8 @@ int PluginProvider::CheckRegistration(const std::string& fkey, const std::string
         LOG_PLAIN(kError, "param file_path should not be empty");
         return VESSA_ERR_ARGUMENT;
     }
-    filename = FileNameOf(NormalizePath(file_path));
+    filename =
+        IsPlainPath(file_path) ? FileNameOf(file_path) : FileNameOf(NormalizePath(file_path));
     if (filename.empty()) {
         LOG_FORMAT(kError, "param file_path does not contain filename, file_path {0}", file_path);
         return VESSA_ERR_ARGUMENT;
@@ -106,8 +107,9 @@ int PluginProvider::EnterAndLoad(const std::string& fkey, const std::string& fil
     // Made before the readers are kept out, and deleted, if it was not needed, after they were.
     std::unique_ptr<PluginRecord> fresh = MakeRecord(fkey, file_path, filename, delay_load);
     GatePass pass(gate_, GatePass::AsWriter{});
-    if (const int refusal = FindConflict(fkey, file_path, filename)) return refusal;
-    PluginRecord* const record = EnterRecord(fkey, fresh);
+    PluginRecord* const known = plugins_.Find(fkey);
+    if (const int refusal = FindConflict(known, fkey, file_path, filename)) return refusal;
+    PluginRecord* const record = known != nullptr ? known : EnterRecord(fresh);
     if (record == nullptr) return RefuseForMemory(fkey, file_path, delay_load);
     record->SetUnregistered(false);
     record->set_delay_load(delay_load);
@@ -125,9 +127,9 @@ int PluginProvider::EnterAndLoad(const std::string& fkey, const std::string& fil
 // What the new plug-in meets, in the order of the registered keys up to the first refusal: the
 // entries without a record, its own key, and the keys whose file has the same name. Of all
 // others nothing can be said.
-int PluginProvider::FindConflict(const std::string& fkey, const std::string& file_path,
-                                 const std::string& filename) {
-    if (CanMeetNothing(plugins_.Find(fkey), file_path, filename)) return VESSA_OK;
+int PluginProvider::FindConflict(const PluginRecord* known, const std::string& fkey,
+                                 const std::string& file_path, const std::string& filename) {
+    if (CanMeetNothing(known, file_path, filename)) return VESSA_OK;
     return plugins_.VisitInKeyOrder(fkey, filename, [&](TextRef key, const PluginRecord* entry) {
         return CheckEntry(key, entry, fkey, file_path);
     });
@@ -145,11 +147,9 @@ bool PluginProvider::CanMeetNothing(const PluginRecord* own, const std::string& 
     return (named == nullptr || named->file_path() == file_path) && !LogEnabled(kWarning);
 }
 
-// The key's record, or the fresh one, which is entered. Null: no memory for one of them.
-PluginRecord* PluginProvider::EnterRecord(const std::string& fkey,
-                                          std::unique_ptr<PluginRecord>& fresh) {
-    PluginRecord* const known = plugins_.Find(fkey);
-    if (known != nullptr || fresh == nullptr) return known;
+// The fresh record, entered. Null: no memory for it or for its entry.
+PluginRecord* PluginProvider::EnterRecord(std::unique_ptr<PluginRecord>& fresh) {
+    if (fresh == nullptr) return nullptr;
     try {
         plugins_.Add(fresh.get());
         return fresh.release();

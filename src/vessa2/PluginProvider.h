@@ -60,12 +60,11 @@ class PluginProvider {
                           std::string& filename);
     int EnterAndLoad(const std::string& fkey, const std::string& file_path,
                      const std::string& filename, bool delay_load);
-    int FindConflict(const std::string& fkey, const std::string& file_path,
-                     const std::string& filename) REQUIRES(gate_);
+    int FindConflict(const PluginRecord* known, const std::string& fkey,
+                     const std::string& file_path, const std::string& filename) REQUIRES(gate_);
     bool CanMeetNothing(const PluginRecord* own, const std::string& file_path,
                         const std::string& filename) REQUIRES(gate_);
-    PluginRecord* EnterRecord(const std::string& fkey, std::unique_ptr<PluginRecord>& fresh)
-        REQUIRES(gate_);
+    PluginRecord* EnterRecord(std::unique_ptr<PluginRecord>& fresh) REQUIRES(gate_);
 
     int FindRegistered(LogView& log, TextRef fkey, PluginRecord*& record) REQUIRES_SHARED(gate_);
     int KeepInstance(const CallContext& context, TextRef fkey, void* instance, PluginRecord& record,
