@@ -17,7 +17,7 @@ constexpr unsigned kGapMs = 1;
 constexpr int kLooks = 64;
 
 // What readers get between two writers that would keep them out all the time otherwise.
-constexpr std::chrono::microseconds kTurn{8};
+constexpr std::chrono::microseconds kTurn{16};
 
 // Runs every task, also those behind one that is ended by the thread's cancellation.
 VESSA_COLD void RunTasks(GateTask* task) {
