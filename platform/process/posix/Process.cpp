@@ -168,6 +168,7 @@ int64_t RegularFile::ReadWhole(char* buffer, size_t size) {
     size_t done = 0;
     while (done < size) {
         const ssize_t read = ::read(static_cast<int>(handle_), buffer + done, size + 1 - done);
+        if (read < 0 && errno == EINTR) continue;
         if (read < 0) return -1;
         if (read == 0) break;
         done += static_cast<size_t>(read);

@@ -45,7 +45,8 @@ struct Listing {
  */
 class Spare {
   public:
-    ~Spare() { delete listing_.load(); }
+    // A thread that still lists while the process ends finds none.
+    ~Spare() { delete listing_.exchange(nullptr); }
 
     std::unique_ptr<Listing> Take() {
         std::unique_ptr<Listing> listing(listing_.exchange(nullptr));
