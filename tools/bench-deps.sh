@@ -26,27 +26,4 @@ case "${1:-}" in
         ;;
 esac
 
-tools/install-deps.sh
-
-missing=()
-for package in "${wanted[@]}"; do
-    status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
-    [[ $status == "install ok installed" ]] || missing+=("$package")
-done
-if [[ ${#missing[@]} -eq 0 ]]; then
-    echo "Everything needed for this is installed."
-    exit 0
-fi
-
-as_root=()
-if [[ $(id -u) -ne 0 ]]; then
-    if ! command -v sudo >/dev/null; then
-        echo "Not root and no sudo. As root: apt-get install ${missing[*]}" >&2
-        exit 1
-    fi
-    as_root=(sudo)
-fi
-echo "Installing: ${missing[*]}"
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -y -q --no-install-recommends "${missing[@]}"
+tools/install-deps.sh --also "${wanted[@]}"

@@ -3,6 +3,7 @@
 #
 #   tools/install-deps.sh          the library, the examples and the demonstration
 #   tools/install-deps.sh --tests  the tests as well
+#   tools/install-deps.sh --also <package> ...  and these
 #
 # What is there already is left alone: a second run needs neither network nor rights.
 set -euo pipefail
@@ -22,8 +23,9 @@ wanted=("${demo[@]}")
 case "${1:-}" in
     "") ;;
     --tests) wanted+=("${tests[@]}") ;;
+    --also) wanted+=("${@:2}") ;;
     *)
-        echo "usage: $0 [--tests]" >&2
+        echo "usage: $0 [--tests | --also <package> ...]" >&2
         exit 2
         ;;
 esac

@@ -2,6 +2,7 @@
 #define TOVA_POSIX_COMMON_H
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
@@ -36,6 +37,21 @@ class CancelGuard {
 
   private:
     int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// An open file, closed with the block; below 0: none.
+class Descriptor {
+  public:
+    explicit Descriptor(int value) : value_(value) {}
+    ~Descriptor() {
+        if (value_ >= 0) close(value_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int value() const { return value_; }
+
+  private:
+    const int value_;
 };
 
 constexpr long kNsPerSecond = 1'000'000'000;

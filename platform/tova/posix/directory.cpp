@@ -69,20 +69,6 @@ class Spare {
 
 Spare g_spare;
 
-class Descriptor {
-  public:
-    explicit Descriptor(int value) : value_(value) {}
-    ~Descriptor() {
-        if (value_ >= 0) close(value_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int value() const { return value_; }
-
-  private:
-    const int value_;
-};
-
 /*
  * The file system takes its times from a clock that stands still for some milliseconds. Once the
  * tick in which a file was last written is over, every later write gives it another change time,
@@ -236,7 +222,7 @@ bool Before(const char* left, const char* right) {
 }
 
 int ReadListing(const char* path, Listing& listing) {
-    const Descriptor folder(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const tova::Descriptor folder(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder.value() < 0) return errno;
     int error = ReadRecords(folder.value(), listing);
     if (error != 0) return error;

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common.h"
+
 namespace tova {
 namespace {
 
@@ -20,20 +22,6 @@ constexpr Elf64_Half kMachine = EM_RISCV;
 #else
 #  error "name the machine that modules must be built for"
 #endif
-
-class Descriptor {
-  public:
-    explicit Descriptor(int value) : value_(value) {}
-    ~Descriptor() {
-        if (value_ >= 0) close(value_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return value_; }
-
-  private:
-    const int value_;
-};
 
 ModuleRefusal Refuse(const char* reason, int error = ENOEXEC) {
     ModuleRefusal refusal;
@@ -123,13 +111,13 @@ ModuleRefusal CheckSegment(const Elf64_Phdr& segment, int index, uint64_t file_s
 
 ModuleRefusal ExamineModuleFile(const char* path) {
     const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (file.Get() < 0) return Refuse("cannot be opened", errno);
+    if (file.value() < 0) return Refuse("cannot be opened", errno);
     struct stat status {};
-    if (fstat(file.Get(), &status) != 0) return Refuse(kUnreadable, errno);
+    if (fstat(file.value(), &status) != 0) return Refuse(kUnreadable, errno);
     if (!S_ISREG(status.st_mode)) return Refuse("not a regular file");
     const uint64_t file_size = static_cast<uint64_t>(status.st_size);
 
-    const HeadedFile headed(file.Get());
+    const HeadedFile headed(file.value());
     Elf64_Ehdr header;
     int error = headed.ReadAt(0, &header, sizeof header);
     if (error != 0) return FailedRead(error);
