@@ -14,12 +14,15 @@ LoneCell* SpreadCounter::MakeFurther() {
     return known;
 }
 
-// The cell of a place that is not one of the first two. Null: the shared one.
+// The cell of a place that has none of the first two, of which one or none is free. Null: the
+// shared one.
 CountingCell* SpreadCounter::FirstCell(int32_t place) {
     if (place >= kCells) return nullptr;
     for (int32_t i = 0; i < CountingCells::kOwn; ++i) {
-        int16_t owner = kNobody;
-        if (owners_[i].compare_exchange_strong(owner, static_cast<int16_t>(place)))
+        int16_t owner = owners_[i].load();
+        // Nothing is written to the line that everybody reads once both have an owner.
+        if (owner == kNobody &&
+            owners_[i].compare_exchange_strong(owner, static_cast<int16_t>(place)))
             return &cells_->own[i];
     }
     LoneCell* const further = MakeFurther();

@@ -65,7 +65,7 @@ class SpreadCounter {
     static constexpr int16_t kNobody = -1;
 
     CountingCell* OwnCell(const ThreadState& thread);
-    VESSA_COLD CountingCell* FirstCell(int32_t place);
+    CountingCell* FirstCell(int32_t place);
     LoneCell* MakeFurther();
 
     CountingCells* const cells_;
