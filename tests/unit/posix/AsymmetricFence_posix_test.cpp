@@ -36,10 +36,12 @@ SystemCall* Real() {
 }  // namespace
 
 STAND_IN_C(long, syscall)(long number, ...) noexcept {
+    // Those of the library have two arguments; others may have as many as there can be.
+    const int arguments = number == SYS_membarrier || number == SYS_nanosleep ? 2 : 6;
     va_list list;
     va_start(list, number);
-    long given[6];
-    for (long& argument : given) argument = va_arg(list, long);
+    long given[6] = {};
+    for (int i = 0; i < arguments; ++i) given[i] = va_arg(list, long);
     va_end(list);
     if (number == SYS_membarrier) {
         ++fences;
