@@ -93,27 +93,31 @@ bool InstanceTable::Insert(void* instance, Record record) {
     }
 }
 
+InstanceTable::Found InstanceTable::Look(Stripe& stripe, uint64_t version, const void* instance) {
+    Found found;
+    found.stripe = &stripe;
+    found.version = version;
+    const Slot* const slot = Search(stripe.slots.load(std::memory_order_acquire), instance);
+    if (slot != nullptr) {
+        found.is_there = true;
+        found.record = RecordOf(slot->record.load(std::memory_order_acquire));
+    }
+    return found;
+}
+
 InstanceTable::Found InstanceTable::Find(const void* instance) const {
     Stripe& stripe = stripes_[StripeOf(instance)];
-    int spins = 0;
-    unsigned rounds = 0;
-    for (;;) {
-        Found found;
-        found.stripe = &stripe;
-        found.version = stripe.version.load();
-        if (found.version % 2 == 0) {
-            const Slot* const slot = Search(stripe.slots.load(std::memory_order_acquire), instance);
-            if (slot != nullptr) {
-                found.is_there = true;
-                found.record = RecordOf(slot->record.load(std::memory_order_acquire));
-            }
+    for (int looks = 0; looks < kSpins; ++looks) {
+        const uint64_t version = stripe.version.load();
+        if (version % 2 == 0) {
+            const Found found = Look(stripe, version, instance);
             if (IsCurrent(found)) return found;
         }
-        if (++spins < kSpins)
-            SpinWait();
-        else
-            process::GiveWay(rounds++);
+        SpinWait();
     }
+    // Others change the stripe without a pause: a look between two changes might never come.
+    const Change change(stripe);
+    return Look(stripe, change.NextVersion(), instance);
 }
 
 // Closes the gap: an entry behind it that would not be found across it moves into it.

@@ -10,8 +10,9 @@
 //   what that takes is the business of whoever holds it.
 //
 // A stripe's version is odd while one thread changes the stripe, and another one after it. Find
-// takes no lock: it reads the version, the entry, and the version again. What it found stays in
-// the table at least until the version is another one, which IsCurrent tells. A change waits for
+// takes no lock: it reads the version, the entry, and the version again, and when that has not
+// been the same a hundred times it locks the stripe as a change does. What it found stays in the
+// table at least until the version is another one, which IsCurrent tells. A change waits for
 // the thread that makes one, which does nothing but move entries meanwhile; the functions given
 // to Take and WithEntry run then and must do as little.
 //
@@ -94,9 +95,12 @@ class InstanceTable {
                 !stripe_.version.compare_exchange_strong(version_, version_ + 1))
                 WaitForStripe();
         }
-        ~Change() { stripe_.version.store(version_ + 2, std::memory_order_release); }
+        ~Change() { stripe_.version.store(NextVersion(), std::memory_order_release); }
         Change(const Change&) = delete;
         Change& operator=(const Change&) = delete;
+
+        // The stripe's version from the end of the change on.
+        uint64_t NextVersion() const { return version_ + 2; }
 
       private:
         VESSA_COLD void WaitForStripe();
@@ -116,6 +120,7 @@ class InstanceTable {
         return static_cast<size_t>(Hash(instance) >> (64 - kStripeBits));
     }
     static Record RecordOf(uintptr_t word) { return reinterpret_cast<Record>(word & ~kHeldBit); }
+    static Found Look(Stripe& stripe, uint64_t version, const void* instance);
     static Slot* Search(Slots* slots, const void* instance);
     enum Entered { kEntered, kPresent, kFull };
     static Entered Enter(Stripe& stripe, void* instance, Record record);

@@ -288,18 +288,25 @@ int PluginProvider::QueryInterface(const CallContext& context, void* instance, T
     return VESSA_OK;
 }
 
+// Looks without a lock, and guards the record of what it finds. False: that did not settle whether
+// the instance is there, because others change the table all the time or there is no guard left.
+bool PluginProvider::GuardInstance(void* instance, RecordUse& use, bool& is_there) {
+    constexpr int kLooks = 8;
+    for (int looks = 0; looks < kLooks && use.CanGuard(); ++looks) {
+        const InstanceTable::Found found = instances_.Find(instance);
+        is_there = found.is_there;
+        if (found.record == nullptr) return true;
+        use.Guard(RecordOf(found.record));
+        if (InstanceTable::IsCurrent(found)) return true;
+        use.Keep(nullptr);
+    }
+    return false;
+}
+
 int PluginProvider::FindInstance(const CallContext& context, void* instance, TextRef ikey,
                                  RecordUse& use) {
     bool is_there = false;
-    if (use.CanGuard()) {
-        InstanceTable::Found found;
-        do {
-            use.Keep(nullptr);
-            found = instances_.Find(instance);
-            if (found.record != nullptr) use.Guard(RecordOf(found.record));
-        } while (found.record != nullptr && !InstanceTable::IsCurrent(found));
-        is_there = found.is_there;
-    } else {
+    if (!GuardInstance(instance, use, is_there)) {
         is_there = instances_.WithEntry(
             instance, [&](InstanceTable::Record record) { use.Keep(RecordOf(record)); });
     }

@@ -75,6 +75,7 @@ class PluginProvider {
                         PluginRecord& record, const PluginRecord* owner, int& plugin_error)
         REQUIRES(instance_mutex_);
     int TakeInstance(const CallContext& context, void* instance, RecordUse& use);
+    bool GuardInstance(void* instance, RecordUse& use, bool& is_there);
     int FindInstance(const CallContext& context, void* instance, TextRef ikey, RecordUse& use);
     VESSA_COLD void UnloadAfterLastInstance(PluginRecord& record);
     void UnloadPutOff(PluginRecord& record);
