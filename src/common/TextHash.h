@@ -33,8 +33,8 @@ inline size_t HashOfText(std::string_view text) {
         take(half_at(at) << 32 | half_at(at + left - 4));
     } else if (left > 0) {
         // First, middle and last: of one byte three times the same.
-        const auto byte = [at](size_t i) { return uint64_t{static_cast<unsigned char>(at[i])}; };
-        take(byte(0) << 16 | byte(left / 2) << 8 | byte(left - 1));
+        const auto byte_at = [at](size_t i) { return uint64_t{static_cast<unsigned char>(at[i])}; };
+        take(byte_at(0) << 16 | byte_at(left / 2) << 8 | byte_at(left - 1));
     }
     // The last bytes have come to the upper half alone.
     hash = (hash ^ (hash >> 32)) * kFactor;
