@@ -10,10 +10,8 @@
 namespace process {
 
 // One pointer for each thread, null until set. Set gives false when the system has no room for
-// it. Where thread_ends_are_told, a thread that ends with a value hands it to ThreadSlotEnd, which
-// whoever uses the slot defines; the slot is null by then and may be set again. Elsewhere whoever
-// sets the slot resets it.
-extern const bool thread_ends_are_told;
+// it. A thread that ends with a value hands it to ThreadSlotEnd, which whoever uses the slot
+// defines; the slot is null by then and may be set again.
 void* ThreadSlotGet();
 bool ThreadSlotSet(void* value);
 void ThreadSlotEnd(void* value);

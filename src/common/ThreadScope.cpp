@@ -24,12 +24,7 @@ void StartAfresh(ThreadState& state) {
 // Ends the outermost frame, however it ends.
 struct FrameEnd {
     ThreadState& state;
-    ~FrameEnd() {
-        StartAfresh(state);
-        if (process::thread_ends_are_told) return;
-        process::ThreadSlotSet(nullptr);
-        ThreadPlaces::GiveBack(&state);
-    }
+    ~FrameEnd() { StartAfresh(state); }
 };
 
 }  // namespace

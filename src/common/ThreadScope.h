@@ -2,8 +2,7 @@
 //
 // The state of a thread has a place that nobody else writes to. It is taken with the thread's
 // first library frame, found through the process's slot for each thread, and given back at the
-// thread's end, for another thread to take; where the system does not tell of that, at the end of
-// each outermost frame. A place never goes away while the library is loaded,
+// thread's end, for another thread to take. A place never goes away while the library is loaded,
 // so any thread may look at what the places show.
 #pragma once
 
@@ -108,7 +107,7 @@ class ThreadScope {
     ~ThreadScope() noexcept(false) {
         if (state_->frames > 1)
             --state_->frames;
-        else if (state_->HasMarks() || !process::thread_ends_are_told)
+        else if (state_->HasMarks())
             EndOutermost();
         else
             state_->frames = 0;

@@ -6,6 +6,9 @@
 
 namespace {
 
+// Not a local: to make that may wait for the end of the process, which waits for the scan.
+const std::string kNoPath;
+
 // A text in three parts, read from front to back.
 class KeyReader {
   public:
@@ -54,8 +57,7 @@ void PluginConfigItem::Release(Block* block) noexcept {
 }
 
 const std::string& PluginConfigItem::config_file_path() const {
-    static const std::string none;
-    return block_->config_file_path != nullptr ? *block_->config_file_path : none;
+    return block_->config_file_path != nullptr ? *block_->config_file_path : kNoPath;
 }
 
 PluginAttribute PluginConfigItem::NextAttribute(const char*& text) {

@@ -69,8 +69,6 @@ const void* OwnAddress() {
 
 }  // namespace
 
-const bool thread_ends_are_told = true;
-
 void* ThreadSlotGet() {
     const int64_t key = Key();
     return key >= 0 ? pthread_getspecific(static_cast<pthread_key_t>(key)) : nullptr;

@@ -11,13 +11,21 @@
 namespace process {
 namespace {
 
+void WINAPI OnThreadEnd(void* value);
+
+// A fiber's slot, because only those tell of a thread's end. A thread without fibers is one.
 struct ThreadKey {
-    DWORD key = TlsAlloc();
+    DWORD key = FlsAlloc(&OnThreadEnd);
 };
 
 ThreadKey& Key() {
     static ThreadKey key;
     return key;
+}
+
+// The system also calls it, for every thread with a value, when the slot is given back.
+void WINAPI OnThreadEnd(void* value) {
+    if (value != nullptr && Key().key != FLS_OUT_OF_INDEXES) ThreadSlotEnd(value);
 }
 
 // Whatever its address, it is in this code.
@@ -61,29 +69,27 @@ std::string FileByName(HMODULE own, const std::wstring& file) {
 
 }  // namespace
 
-// The slots that tell are those of fibers, and their call at a thread's end runs under a lock that
-// a thread which the end of the process cuts off there never gives back.
-const bool thread_ends_are_told = false;
-
 void* ThreadSlotGet() {
     const DWORD key = Key().key;
-    if (key == TLS_OUT_OF_INDEXES) return nullptr;
+    if (key == FLS_OUT_OF_INDEXES) return nullptr;
     // The system's call resets the last error, which its reader may not have read yet.
     const DWORD error = GetLastError();
-    void* const value = TlsGetValue(key);
+    void* const value = FlsGetValue(key);
     SetLastError(error);
     return value;
 }
 
 bool ThreadSlotSet(void* value) {
     const DWORD key = Key().key;
-    return key != TLS_OUT_OF_INDEXES && TlsSetValue(key, value);
+    return key != FLS_OUT_OF_INDEXES && FlsSetValue(key, value);
 }
 
 void ThreadSlotFree() {
     ThreadKey& key = Key();
-    if (key.key != TLS_OUT_OF_INDEXES) TlsFree(key.key);
-    key.key = TLS_OUT_OF_INDEXES;
+    const DWORD freed = key.key;
+    // Said first: the system calls back for every thread with a value.
+    key.key = FLS_OUT_OF_INDEXES;
+    if (freed != FLS_OUT_OF_INDEXES) FlsFree(freed);
 }
 
 void GiveWay(unsigned round) {

@@ -8,7 +8,7 @@ namespace vessa_test {
 
 // Nobody else in the process gets one afterwards.
 inline void TakeEveryThreadSlot() {
-    while (TlsAlloc() != TLS_OUT_OF_INDEXES) {
+    while (FlsAlloc(nullptr) != FLS_OUT_OF_INDEXES) {
     }
 }
 
