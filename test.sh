@@ -4,15 +4,15 @@
 #
 #   ./test.sh               all of it
 #   ./test.sh --no-windows  without the Windows stage
-#   ./test.sh gcc           one stage, or several: gcc package guard asan tsan windows
+#   ./test.sh gcc           one stage, or several: gcc package guard asan tsan reliability windows
 #
 # Options of the test runner come from the environment, as CTEST_OPTIONS="-R Timer".
 set -euo pipefail
 cd "$(dirname "$0")"
 
 case ${1:-} in
-    "") stages=(gcc package guard asan tsan windows) ;;
-    --no-windows) stages=(gcc package guard asan tsan) ;;
+    "") stages=(gcc package guard asan tsan reliability windows) ;;
+    --no-windows) stages=(gcc package guard asan tsan reliability) ;;
     *) stages=("$@") ;;
 esac
 jobs=$(nproc)
@@ -28,7 +28,7 @@ suite() {
     echo "== $preset: test"
     [ "$preset" != windows-mingw ] || tools/wine.sh --prepare
     # shellcheck disable=SC2086
-    ctest --test-dir "build-$preset" --output-on-failure --progress --schedule-random \
+    ctest --test-dir "build-$preset" --output-on-failure --progress --schedule-random -LE reliability \
         -j "$((jobs * 2))" ${CTEST_OPTIONS:-}
     skipped "build-$preset/Testing/Temporary/LastTest.log"
 }
@@ -69,6 +69,12 @@ guard() {
     bench/guard.sh
 }
 
+# Faults, hostile input, schedules, model, random runs: the share of every day.
+reliability() {
+    echo "== reliability"
+    ./reliability.sh
+}
+
 windows() {
     tools/windows-deps.sh
     suite windows-mingw
@@ -79,9 +85,10 @@ for stage in "${stages[@]}"; do
     case $stage in
         package) package ;;
         guard) guard ;;
+        reliability) reliability ;;
         windows) windows ;;
         gcc | asan | tsan) suite "$stage" ;;
-        *) echo "test.sh: no stage '$stage'; there are: gcc package guard asan tsan windows" >&2; exit 2 ;;
+        *) echo "test.sh: no stage '$stage'; there are: gcc package guard asan tsan reliability windows" >&2; exit 2 ;;
     esac
 done
 echo "test.sh: all stages passed: ${stages[*]}"

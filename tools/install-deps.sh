@@ -17,6 +17,8 @@ tests=(
     libgtest-dev libgmock-dev
     # llvm has the symbolizer: without it the leak check cannot tell whose a block is.
     clang llvm libclang-rt-14-dev
+    # The model, failing system calls, coverage.
+    spin strace gcovr
 )
 
 wanted=("${demo[@]}")
