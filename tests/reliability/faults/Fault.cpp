@@ -3,6 +3,7 @@
 #include <atomic>
 #include <iterator>
 
+#include "Tracing.h"
 #include "tova.h"
 
 namespace faults {
@@ -65,8 +66,8 @@ const RuntimeFunction* RuntimeFunctions(int* count) {
     return kFunctions;
 }
 
-Faults::Faults(const Fault& fault, vessa_test::Runtime& runtime)
-    : fault_(fault), runtime_(runtime) {
+Faults::Faults(const Fault& fault, vessa_test::Runtime& runtime, Tracing* tracing)
+    : fault_(fault), runtime_(runtime), tracing_(tracing) {
     if (fault_.kind == Kind::kAllocation) FailAllocation(fault_.nth, fault_.and_later);
     if (fault_.kind == Kind::kRuntime)
         runtime_.Before(fault_.function, [this](RuntimeCall& call) { OnCall(call); });
@@ -97,11 +98,18 @@ long Faults::Counted() const {
     return fault_.kind == Kind::kAllocation ? AllocationNumbers().counted : calls.load();
 }
 
-long Faults::Failed() const {
+long Faults::Failed() {
+    if (fault_.kind == Kind::kSystemCall)
+        return tracer_left_ ? failed_until_stop_ : tracing_->CountFailed();
     return fault_.kind == Kind::kAllocation ? AllocationNumbers().failed : failed_calls.load();
 }
 
 void Faults::Stop() {
+    if (fault_.kind == Kind::kSystemCall && !tracer_left_) {
+        failed_until_stop_ = tracing_->CountFailed();
+        tracing_->StopTracer();
+        tracer_left_ = true;
+    }
     stopped.store(true);
     FailNoAllocation();
 }

@@ -34,9 +34,12 @@ struct RuntimeFunction {
 };
 const RuntimeFunction* RuntimeFunctions(int* count);
 
+class Tracing;
+
 class Faults {
   public:
-    Faults(const Fault& fault, vessa_test::Runtime& runtime);
+    // tracing for failures of system calls.
+    Faults(const Fault& fault, vessa_test::Runtime& runtime, Tracing* tracing);
 
     class Stretch {
       public:
@@ -51,7 +54,7 @@ class Faults {
 
     // How many there were to fail, and how many of them did.
     long Counted() const;
-    long Failed() const;
+    long Failed();
     // Nothing fails any more.
     void Stop();
     const Fault& fault() const { return fault_; }
@@ -61,6 +64,10 @@ class Faults {
 
     const Fault fault_;
     vessa_test::Runtime& runtime_;
+    Tracing* const tracing_;
+    // Of system calls, when the tracer went.
+    long failed_until_stop_ = 0;
+    bool tracer_left_ = false;
 };
 
 }  // namespace faults

@@ -41,14 +41,18 @@ class Place {
     Place& operator=(const Place&) = delete;
 
     // The reference is the life in which nothing fails; null: this is it.
-    Judgement Live(const Fault& fault, const Remains* reference);
+    // tracing for failures of system calls; may_keep_descriptors if each may leave one open.
+    Judgement Live(const Fault& fault, const Remains* reference, Tracing* tracing = nullptr,
+                   bool may_keep_descriptors = false);
     const Remains& remains() const { return *remains_; }
     // In this process, with the blocks that are lost and their callers on standard error.
     void Explain(const Fault& fault);
 
   private:
-    void LiveHere(const Fault& fault);
-    Judgement Judge(int status, const Fault& fault, const Remains* reference) const;
+    void LiveHere(const Fault& fault, Tracing* tracing);
+    Judgement Judge(int status, const Fault& fault, const Remains* reference,
+                    bool may_keep_descriptors) const;
+    Judgement JudgeBlocks(const Fault& fault, const Remains& reference) const;
     std::string ErrorText() const;
 
     Folder folder_;

@@ -9,7 +9,7 @@
 namespace faults {
 namespace {
 
-const Faults* the_faults = nullptr;
+Faults* the_faults = nullptr;
 
 bool HasFailed() {
     return the_faults->Failed() != 0;
@@ -44,9 +44,10 @@ void Scenario::Do(const char* name, const Lists& after, const Call& call, const 
     *step_ = name;
     hit_ = false;
     const Lists before = lists_;
-    const long failed = faults_.Failed();
     call();
-    hit_ = faults_.Failed() != failed;
+    const long failed = faults_.Failed();
+    hit_ = failed != failed_;
+    failed_ = failed;
     if (hit_) {
         faults_.Stop();
         was_hit_ = true;

@@ -93,6 +93,7 @@ class Scenario {
     // Of this step, and of any step so far.
     bool hit_ = false;
     bool was_hit_ = false;
+    long failed_ = 0;
     const char** const step_;
     void* kept_ = nullptr;
     void* other_ = nullptr;
