@@ -56,9 +56,9 @@ TEST_F(CounterOrders, OfTwoThatLowerItToZeroTheLastFindsItZero) {
     Raise();
     bool first = true;
     bool second = false;
-    EXPECT_TRUE(CarriedOut(
-        {LowersAndLooks("A", first), LowersAndLooks("B", second)},
-        {"A:counter.look.half_way", "B:counter.value.lowered", "A:ends", "B:ends"}));
+    EXPECT_TRUE(
+        CarriedOut({LowersAndLooks("A", first), LowersAndLooks("B", second)},
+                   {"A:counter.look.half_way", "B:counter.value.lowered", "A:ends", "B:ends"}));
     EXPECT_FALSE(first);
     EXPECT_TRUE(second);
 }
@@ -68,9 +68,9 @@ TEST_F(CounterOrders, TwoThatHaveBothLoweredItBothFindItZero) {
     Raise();
     bool first = false;
     bool second = false;
-    EXPECT_TRUE(CarriedOut(
-        {LowersAndLooks("A", first), LowersAndLooks("B", second)},
-        {"A:counter.value.lowered", "B:counter.value.lowered", "A:ends", "B:ends"}));
+    EXPECT_TRUE(
+        CarriedOut({LowersAndLooks("A", first), LowersAndLooks("B", second)},
+                   {"A:counter.value.lowered", "B:counter.value.lowered", "A:ends", "B:ends"}));
     EXPECT_TRUE(first);
     EXPECT_TRUE(second);
 }
@@ -83,9 +83,8 @@ TEST_F(CounterOrders, TwoThatMakeTheFurtherCellsCountInTheSameOnes) {
         At("test.thread.counted");
     };
     EXPECT_TRUE(CarriedOut({{"A", raise}, {"B", raise}, {"C", raise}},
-                           {"C:test.thread.counted", "A:counter.cells.made",
-                            "B:counter.cells.made", "A:test.thread.counted", "B:ends", "A:ends",
-                            "C:ends"}));
+                           {"C:test.thread.counted", "A:counter.cells.made", "B:counter.cells.made",
+                            "A:test.thread.counted", "B:ends", "A:ends", "C:ends"}));
     EXPECT_EQ(counter.Value(), 4);
 }
 
@@ -102,9 +101,7 @@ class TableOrders : public testing::Test {
     OrderThread Takes(const char* name, size_t pointer, InstanceTable::Taken& taken) {
         return {name, [this, pointer, &taken] { taken = Take(pointer); }};
     }
-    void Insert(size_t pointer) {
-        EXPECT_TRUE(table.Insert(pointers[pointer], RecordOf(pointer)));
-    }
+    void Insert(size_t pointer) { EXPECT_TRUE(table.Insert(pointers[pointer], RecordOf(pointer))); }
     InstanceTable::Taken Take(size_t pointer) {
         return table.Take(pointers[pointer], false, Ignore);
     }
@@ -192,9 +189,9 @@ TEST_F(TableOrders, OfTwoTakersOneHasIt) {
     Fill(1);
     InstanceTable::Taken first = InstanceTable::kHeld;
     InstanceTable::Taken second = InstanceTable::kHeld;
-    EXPECT_TRUE(CarriedOut({Takes("A", 0, first), Takes("B", 0, second)},
-                           {"A:instances.entry.goes", "B:instances.change.waits", "B:goes",
-                            "A:ends", "B:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {Takes("A", 0, first), Takes("B", 0, second)},
+        {"A:instances.entry.goes", "B:instances.change.waits", "B:goes", "A:ends", "B:ends"}));
     EXPECT_EQ(first, InstanceTable::kTaken);
     EXPECT_EQ(second, InstanceTable::kAbsent);
 }
@@ -244,16 +241,16 @@ TEST_F(TimerOrders, AStopWaitsForTheClosure) {
 
 TEST_F(TimerOrders, AStopThatComesBeforeTheClosureRunsWaitsForIt) {
     EXPECT_TRUE(CarriedOut({Ticks(), TimersOwn(), Stops("A")},
-                           {"tick:ends", "T:timer.round.begins", "A:timer.thread.joins",
-                            "A:blocks", "T:test.closure.inside", "T:goes", "A:ends"}));
+                           {"tick:ends", "T:timer.round.begins", "A:timer.thread.joins", "A:blocks",
+                            "T:test.closure.inside", "T:goes", "A:ends"}));
     EXPECT_EQ(callback.runs.load(), 1);
 }
 
 TEST_F(TimerOrders, TwoStopsBothWaitForTheClosure) {
-    EXPECT_TRUE(CarriedOut({Ticks(), TimersOwn(), Stops("A"), Stops("B")},
-                           {"tick:ends", "T:test.closure.inside", "A:timer.thread.joins",
-                            "B:timer.stop.asks", "B:blocks", "A:blocks", "T:timer.round.ended",
-                            "T:goes", "A:ends", "B:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {Ticks(), TimersOwn(), Stops("A"), Stops("B")},
+        {"tick:ends", "T:test.closure.inside", "A:timer.thread.joins", "B:timer.stop.asks",
+         "B:blocks", "A:blocks", "T:timer.round.ended", "T:goes", "A:ends", "B:ends"}));
     EXPECT_EQ(Passes("B", "timer.stop.has_mutex"), 0);
 }
 
@@ -287,10 +284,9 @@ TEST_F(TimerOrders, ASecondStartReplacesTheFirstThatIsUnderWay) {
         return OrderThread{
             name, [this, &what, period] { EXPECT_TRUE(timer.SetTimer(period, what.Bound())); }};
     };
-    EXPECT_TRUE(
-        CarriedOut({starts("A", callback, kPeriodMs), starts("B", other, 2 * kPeriodMs)},
-                   {"A:timer.start.has_thread", "B:timer.start.asks", "B:blocks", "A:ends",
-                    "B:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {starts("A", callback, kPeriodMs), starts("B", other, 2 * kPeriodMs)},
+        {"A:timer.start.has_thread", "B:timer.start.asks", "B:blocks", "A:ends", "B:ends"}));
     const std::vector<RuntimeWaiter> waiters = runtime.AwaitWaiters();
     ASSERT_EQ(waiters.size(), 1u);
     EXPECT_EQ(waiters[0].milliseconds, 2 * kPeriodMs);

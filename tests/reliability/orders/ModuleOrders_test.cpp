@@ -58,9 +58,9 @@ TEST_F(ModuleOrders, ACreateThatComesToTheMutexLaterFindsTheModuleLoaded) {
 TEST_F(ModuleOrders, ACreateBetweenModuleAndRecordWaits) {
     Call one;
     Call other;
-    EXPECT_TRUE(CarriedOut({Creates("A", one), Creates("B", other)},
-                           {"A:record.load.loaded", "B:record.load.asks", "B:blocks", "A:ends",
-                            "B:ends"}));
+    EXPECT_TRUE(
+        CarriedOut({Creates("A", one), Creates("B", other)},
+                   {"A:record.load.loaded", "B:record.load.asks", "B:blocks", "A:ends", "B:ends"}));
     EXPECT_EQ(References("x" MODULE_SUFFIX), 1);
     ExpectOneLoad(one, other);
 }
@@ -120,9 +120,9 @@ TEST_F(ModuleOrders, ACreateWaitsForALoadInWhoseInitTheModuleUsesItself) {
     });
     Call one;
     Call other;
-    EXPECT_TRUE(CarriedOut({Creates("A", one), Creates("B", other)},
-                           {"A:test.nested.made", "B:record.load.asks", "B:blocks", "A:ends",
-                            "B:ends"}));
+    EXPECT_TRUE(
+        CarriedOut({Creates("A", one), Creates("B", other)},
+                   {"A:test.nested.made", "B:record.load.asks", "B:blocks", "A:ends", "B:ends"}));
     EXPECT_EQ(Destroy(own.load()), VESSA_OK);
     EXPECT_EQ(References("x" MODULE_SUFFIX), 1);
     ExpectOneLoad(one, other);
@@ -154,33 +154,33 @@ class SharedModuleOrders : public ModuleOrders {
 };
 
 TEST_F(SharedModuleOrders, AnUnloadThatCountedFirstIsFollowedByALoadOfTheSameObject) {
-    EXPECT_TRUE(Carried({"A:loader.unload.checked", "B:loader.load.referenced",
-                         "A:module.unload.counted", "B:module.load.asks", "B:blocks", "A:ends",
-                         "B:ends"}));
+    EXPECT_TRUE(
+        Carried({"A:loader.unload.checked", "B:loader.load.referenced", "A:module.unload.counted",
+                 "B:module.load.asks", "B:blocks", "A:ends", "B:ends"}));
     ExpectLoads(2);
 }
 
 TEST_F(SharedModuleOrders, ALoadThatCountedFirstKeepsTheModule) {
-    EXPECT_TRUE(Carried({"A:loader.unload.checked", "B:module.load.counted",
-                         "A:module.unload.asks", "A:blocks", "B:ends", "A:ends"}));
+    EXPECT_TRUE(Carried({"A:loader.unload.checked", "B:module.load.counted", "A:module.unload.asks",
+                         "A:blocks", "B:ends", "A:ends"}));
     ExpectLoads(1);
 }
 
 TEST_F(SharedModuleOrders, ALoadDuringTheUninitWaitsForTheRealUnload) {
-    EXPECT_TRUE(Carried({"A:in.Uninit", "B:module.load.asks", "B:blocks",
-                         "A:module.unload.closed", "B:blocks", "A:ends", "B:ends"}));
+    EXPECT_TRUE(Carried({"A:in.Uninit", "B:module.load.asks", "B:blocks", "A:module.unload.closed",
+                         "B:blocks", "A:ends", "B:ends"}));
     ExpectLoads(2);
 }
 
 TEST_F(SharedModuleOrders, AReferenceTakenBeforeTheLastOneGoesKeepsTheObject) {
-    EXPECT_TRUE(Carried({"A:loader.unload.unloaded", "B:loader.load.referenced", "A:ends",
-                         "B:ends"}));
+    EXPECT_TRUE(
+        Carried({"A:loader.unload.unloaded", "B:loader.load.referenced", "A:ends", "B:ends"}));
     ExpectLoads(2);
 }
 
 TEST_F(SharedModuleOrders, ALookUpWaitsWhileTheLastReferenceGoesAndMakesANewObject) {
-    EXPECT_TRUE(Carried({"A:loader.unload.unreferenced", "B:loader.load.asks", "B:blocks",
-                         "A:ends", "B:ends"}));
+    EXPECT_TRUE(Carried(
+        {"A:loader.unload.unreferenced", "B:loader.load.asks", "B:blocks", "A:ends", "B:ends"}));
     ExpectLoads(2);
 }
 
@@ -211,9 +211,9 @@ class FailingLoadOrders : public RegistryOrders {
 };
 
 TEST_F(FailingLoadOrders, ALoadThatFailsLeavesTheObjectToWhoHasAReference) {
-    EXPECT_TRUE(CarriedOut({Creates("A", one), Creates("B", other, "second")},
-                           {"A:loader.load.gives_back", "B:loader.load.referenced", "A:ends",
-                            "B:ends"}));
+    EXPECT_TRUE(
+        CarriedOut({Creates("A", one), Creates("B", other, "second")},
+                   {"A:loader.load.gives_back", "B:loader.load.referenced", "A:ends", "B:ends"}));
 }
 
 TEST_F(FailingLoadOrders, ALoadThatWaitedForAFailingOneBeginsFromTheBeginning) {
@@ -222,9 +222,9 @@ TEST_F(FailingLoadOrders, ALoadThatWaitedForAFailingOneBeginsFromTheBeginning) {
 }
 
 TEST_F(FailingLoadOrders, ALoadOfTheSameRecordTriesAgainWhenTheFirstHasFailed) {
-    EXPECT_TRUE(CarriedOut({Creates("A", one), Creates("B", other)},
-                           {"A:record.load.failed", "B:record.load.asks", "B:blocks", "A:ends",
-                            "B:ends"}));
+    EXPECT_TRUE(
+        CarriedOut({Creates("A", one), Creates("B", other)},
+                   {"A:record.load.failed", "B:record.load.asks", "B:blocks", "A:ends", "B:ends"}));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "TestPlatform.h"
 #include "modules/TestInterface.h"
 #include "reliability/orders/Order.h"
+#include "skrib.h"
 
 namespace vessa_test {
 namespace {
@@ -54,6 +55,7 @@ void Enter(State& in, const char* module, const Point& point, void* about) {
 }  // namespace
 
 OrderModules::OrderModules() {
+    SKRIB_SetThreshold("vessa", SKRIB_LEVEL_OFF);
     state.store(new State);
 }
 

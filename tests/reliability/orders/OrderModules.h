@@ -11,7 +11,8 @@
 
 namespace vessa_test {
 
-// One at a time. What it is told to do is said before the threads start that come in.
+// One at a time. While it lives nothing is logged, which would order threads too. What it is told
+// to do is said before the threads start that come in.
 class OrderModules {
   public:
     // Runs after the point, inside the module; the operation goes on in its own way.

@@ -10,9 +10,9 @@ namespace {
 TEST_F(RegistryOrders, AnUnregistrationWaitsForACreateThatFoundTheRecord) {
     Call create;
     Call unregister;
-    EXPECT_TRUE(CarriedOut({Creates("A", create), Unregisters("B", unregister)},
-                           {"A:create.record.found", "B:gate.writer.sleeps", "B:blocks", "A:ends",
-                            "B:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {Creates("A", create), Unregisters("B", unregister)},
+        {"A:create.record.found", "B:gate.writer.sleeps", "B:blocks", "A:ends", "B:ends"}));
     EXPECT_EQ(create.result, VESSA_OK);
     EXPECT_EQ(unregister.result, VESSA_OK);
     EXPECT_TRUE(Record("x")->IsUnregistered());
@@ -23,10 +23,9 @@ TEST_F(RegistryOrders, AnUnregistrationWaitsForACreateThatFoundTheRecord) {
 TEST_F(RegistryOrders, AnUnregistrationWaitsForALoadByTheFirstCreate) {
     Call create;
     Call unregister;
-    EXPECT_TRUE(CarriedOut(
-        {Creates("A", create), Unregisters("B", unregister)},
-        {"A:in.Init", "B:gate.writer.sleeps", "B:blocks", "A:in.CreateInstance", "A:ends",
-         "B:registry.unregister.puts_off", "B:ends"}));
+    EXPECT_TRUE(CarriedOut({Creates("A", create), Unregisters("B", unregister)},
+                           {"A:in.Init", "B:gate.writer.sleeps", "B:blocks", "A:in.CreateInstance",
+                            "A:ends", "B:registry.unregister.puts_off", "B:ends"}));
     EXPECT_EQ(create.result, VESSA_OK);
     EXPECT_EQ(Destroy(create.out), VESSA_OK);
     ExpectGone(1);
@@ -46,8 +45,8 @@ TEST_F(RegistryOrders, ACreateThatMeetsAnUnregistrationFindsNothing) {
     Call create;
     Call unregister;
     EXPECT_TRUE(CarriedOut({Creates("A", create), Unregisters("B", unregister)},
-                           {"B:registry.unregister.taken", "A:gate.reader.turned_away",
-                            "A:blocks", "B:ends", "A:ends"}));
+                           {"B:registry.unregister.taken", "A:gate.reader.turned_away", "A:blocks",
+                            "B:ends", "A:ends"}));
     EXPECT_EQ(create.result, VESSA_ERR_NOT_REGISTERED);
     EXPECT_EQ(unregister.result, VESSA_OK);
     ExpectGone(0);
@@ -70,9 +69,9 @@ TEST_F(RegistryOrders, ARegistrationBeforeTheUnloadKeepsTheModule) {
     EXPECT_EQ(Destroy(Create()), VESSA_OK);
     Call unregister;
     Call again;
-    EXPECT_TRUE(CarriedOut({Unregisters("B", unregister), Registers("C", again, true)},
-                           {"B:registry.unregister.unloads", "C:gate.writer.sleeps", "C:blocks",
-                            "B:ends", "C:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {Unregisters("B", unregister), Registers("C", again, true)},
+        {"B:registry.unregister.unloads", "C:gate.writer.sleeps", "C:blocks", "B:ends", "C:ends"}));
     EXPECT_EQ(again.result, VESSA_OK);
     EXPECT_EQ(Destroy(Create()), VESSA_OK);
     EXPECT_EQ(Unregister(), VESSA_OK);
@@ -85,8 +84,8 @@ TEST_F(RegistryOrders, ACreateWaitsForARegistrationThatTakesTheMarkAway) {
     Call create;
     Call again;
     EXPECT_TRUE(CarriedOut({Creates("A", create), Registers("C", again)},
-                           {"C:registry.register.entered", "A:gate.reader.turned_away",
-                            "A:blocks", "C:ends", "A:ends"}));
+                           {"C:registry.register.entered", "A:gate.reader.turned_away", "A:blocks",
+                            "C:ends", "A:ends"}));
     EXPECT_EQ(create.result, VESSA_OK);
     EXPECT_EQ(again.result, VESSA_OK);
     EXPECT_EQ(Destroy(first), VESSA_OK);
@@ -128,9 +127,9 @@ TEST_F(RegistryOrders, OfTwoUnregistrationsTheSecondFindsNothing) {
     EXPECT_EQ(Destroy(Create()), VESSA_OK);
     Call first;
     Call second;
-    EXPECT_TRUE(CarriedOut({Unregisters("A", first), Unregisters("B", second)},
-                           {"A:registry.unregister.taken", "B:gate.writer.counted", "B:blocks",
-                            "A:ends", "B:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {Unregisters("A", first), Unregisters("B", second)},
+        {"A:registry.unregister.taken", "B:gate.writer.counted", "B:blocks", "A:ends", "B:ends"}));
     EXPECT_EQ(first.result, VESSA_OK);
     EXPECT_EQ(second.result, VESSA_ERR_ARGUMENT);
     ExpectGone(1);
@@ -189,10 +188,10 @@ TEST_F(RegistryOrders, OfTwoThatDestroyTheLastInstancesOneUnloads) {
     EXPECT_EQ(Unregister(), VESSA_OK);
     Call one;
     Call other;
-    EXPECT_TRUE(CarriedOut({Destroys("A", one, first), Destroys("B", other, second)},
-                           {"A:counter.value.lowered", "B:counter.value.lowered",
-                            "A:destroy.record.is_due", "B:destroy.record.is_due", "A:ends",
-                            "B:ends"}));
+    EXPECT_TRUE(
+        CarriedOut({Destroys("A", one, first), Destroys("B", other, second)},
+                   {"A:counter.value.lowered", "B:counter.value.lowered", "A:destroy.record.is_due",
+                    "B:destroy.record.is_due", "A:ends", "B:ends"}));
     EXPECT_EQ(one.result, VESSA_OK);
     EXPECT_EQ(other.result, VESSA_OK);
     ExpectGone(1);
@@ -247,9 +246,9 @@ TEST_F(RegistryOrders, ARegistrationWaitsForAnUnloadThatHasTakenTheRecord) {
     EXPECT_EQ(Unregister(), VESSA_OK);
     Call destroy;
     Call again;
-    EXPECT_TRUE(CarriedOut({Destroys("A", destroy, instance), Registers("C", again, false)},
-                           {"A:module.unload.before_uninit", "C:gate.writer.sleeps", "C:blocks",
-                            "A:ends", "C:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {Destroys("A", destroy, instance), Registers("C", again, false)},
+        {"A:module.unload.before_uninit", "C:gate.writer.sleeps", "C:blocks", "A:ends", "C:ends"}));
     EXPECT_EQ(again.result, VESSA_OK);
     EXPECT_EQ(Unregister(), VESSA_OK);
     ExpectGone(2);
@@ -265,10 +264,10 @@ TEST_F(RegistryOrders, OfTwoReadersThatPutTheSameUnloadOffOneCarriesItOut) {
     DeclareOuter("second", [&] { EXPECT_EQ(Destroy(second), VESSA_OK); });
     Call one;
     Call other;
-    EXPECT_TRUE(CarriedOut({Creates("A", one, "first"), Creates("B", other, "second")},
-                           {"A:counter.value.lowered", "B:counter.value.lowered",
-                            "A:unload.put_off.handed_over", "B:destroy.record.is_due", "B:ends",
-                            "A:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {Creates("A", one, "first"), Creates("B", other, "second")},
+        {"A:counter.value.lowered", "B:counter.value.lowered", "A:unload.put_off.handed_over",
+         "B:destroy.record.is_due", "B:ends", "A:ends"}));
     EXPECT_EQ(Passes("B", "unload.put_off.handed_over"), 0);
     ExpectGone(1);
     EXPECT_EQ(Destroy(one.out), VESSA_OK);
@@ -407,9 +406,9 @@ TEST_F(RegistryOrders, ASweepThatLooksAfterTheGuardWentDeletesTheRecord) {
     EXPECT_EQ(Unregister(), VESSA_OK);
     Call query;
     Call destroy;
-    EXPECT_TRUE(CarriedOut({Queries("A", query, instance), Destroys("B", destroy, instance)},
-                           {"A:record.guard.shown", "B:graveyard.sweep.looks", "A:ends",
-                            "B:ends"}));
+    EXPECT_TRUE(
+        CarriedOut({Queries("A", query, instance), Destroys("B", destroy, instance)},
+                   {"A:record.guard.shown", "B:graveyard.sweep.looks", "A:ends", "B:ends"}));
     EXPECT_EQ(Passes("A", "graveyard.sweep.looks"), 0);
     ExpectGone(1);
 }
@@ -432,9 +431,9 @@ TEST_F(RegistryOrders, OfTwoThatDestroyTheSameInstanceOneIsRefused) {
     void* const instance = Create();
     Call one;
     Call other;
-    EXPECT_TRUE(CarriedOut({Destroys("A", one, instance), Destroys("B", other, instance)},
-                           {"A:instances.entry.goes", "B:instances.change.waits", "B:goes",
-                            "A:ends", "B:ends"}));
+    EXPECT_TRUE(CarriedOut(
+        {Destroys("A", one, instance), Destroys("B", other, instance)},
+        {"A:instances.entry.goes", "B:instances.change.waits", "B:goes", "A:ends", "B:ends"}));
     EXPECT_EQ(one.result, VESSA_OK);
     EXPECT_EQ(other.result, VESSA_ERR_ARGUMENT);
     EXPECT_EQ(Unregister(), VESSA_OK);
