@@ -4,6 +4,7 @@
 //   vessa_seeds range <first> <count>  many, one after the other; the first that fails ends it
 //   --library <file>                   another library than the built one with sync points
 //   --twice                            each seed twice: the schedules must be the same
+//   --log                              with everything that the library logs
 //
 // A run: the library is loaded; four threads make random creates, destroys, queries, questions for
 // keys and attributes, starts and stops, and hand instances to each other; one switches list files;
@@ -47,6 +48,7 @@ struct Options {
     uint64_t first = 0;
     uint64_t count = 0;
     bool twice = false;
+    bool log = false;
 };
 
 template <class Function>
@@ -79,8 +81,9 @@ void RunThreads(uint64_t seed, schedule::Random& random) {
     std::vector<std::unique_ptr<Application>> applications;
     for (uint64_t i = 0; i < kApplications; ++i)
         applications.push_back(std::make_unique<Application>(seed * 8 + i, 8 + random.Below(12)));
-    Mover mover{schedule::Random(seed * 8 + kApplications), 2 + static_cast<int>(random.Below(
-                                                                kSwitches - 1))};
+    // One switch is made before the threads start.
+    const int switches = 2 + static_cast<int>(random.Below(kSwitches - 2));
+    Mover mover{schedule::Random(seed * 8 + kApplications), switches};
     std::vector<tova_thread_t> threads;
     for (const auto& application : applications)
         threads.push_back(TOVA_Thread_Create(&Application::Run, application.get(), 0, 0, 0, 0));
@@ -160,7 +163,7 @@ void PrintFigures(const Options& options, const schedule::Summary& all, int most
 }
 
 int RunAll(const Options& options, World& world) {
-    SKRIB_SetThreshold(nullptr, SKRIB_LEVEL_OFF);
+    SKRIB_SetThreshold(nullptr, options.log ? SKRIB_LEVEL_TRACE : SKRIB_LEVEL_OFF);
     schedule::Summary all{};
     int most_threads = 0;
     for (uint64_t seed = options.first; seed < options.first + options.count; ++seed) {
@@ -238,6 +241,8 @@ bool Parse(int count, char** arguments, Options& options) {
         const std::string option = arguments[at];
         if (option == "--twice")
             options.twice = true;
+        else if (option == "--log")
+            options.log = true;
         else if (option == "--library" && at + 1 < count)
             options.library = arguments[++at];
         else
@@ -253,7 +258,7 @@ int Main(int count, char** arguments) {
     Options options;
     if (!Parse(count, arguments, options)) {
         std::fprintf(stderr, "vessa_seeds run <seed> | range <first> <count> "
-                             "[--library <file>] [--twice]\n");
+                             "[--library <file>] [--twice] [--log]\n");
         return 2;
     }
     void* const page = mmap(nullptr, sizeof(schedule::Shown), PROT_READ | PROT_WRITE,

@@ -68,6 +68,7 @@ void World::Switch(Folder folder, unsigned variant) {
     if (variant == 0) {
         failure = unlink(link.c_str()) != 0 && errno != ENOENT;
     } else {
+        if (uses_[folder] == kSwitches) schedule::Fail("too many switches");
         const std::string target = ListPath(folder, variant, uses_[folder]++);
         failure = symlink(target.c_str(), fresh.c_str()) != 0 ||
                   std::rename(fresh.c_str(), link.c_str()) != 0;
