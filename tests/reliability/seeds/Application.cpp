@@ -10,7 +10,7 @@ namespace {
 
 using schedule::Fail;
 
-constexpr size_t kMostInstances = 3;
+constexpr uint32_t kMostInstances = 3;
 constexpr int kMostStarts = 2;
 constexpr int kMaxThreads = 512;
 
@@ -38,7 +38,7 @@ int Application::Run(void* argument) {
 
 void Application::Step() {
     schedule::Point("application.step");
-    switch (random_.Below(12)) {
+    switch (random_.Below(20)) {
         case 0:
         case 1:
             if (starts_ < kMostStarts) return Start();
@@ -52,21 +52,23 @@ void Application::Step() {
         case 4:
             return QueryAttribute();
         case 5:
-            return Exchange();
         case 6:
-            if (!instances_.empty()) Query(instances_[random_.Below(
-                static_cast<uint32_t>(instances_.size()))]);
-            return;
+            return Exchange();
         case 7:
-        case 8:
-            if (!instances_.empty()) Destroy(TakeOne());
-            return;
+            if (instances_.empty()) return CreateOne();
+            return Query(instances_[random_.Below(static_cast<uint32_t>(instances_.size()))]);
         default:
             break;
     }
-    if (instances_.size() >= kMostInstances) return Destroy(TakeOne());
-    if (void* const instance = Create(static_cast<Key>(random_.Below(kKeys))))
-        instances_.push_back(instance);
+    if (!instances_.empty() && random_.Below(kMostInstances + 1) <= instances_.size())
+        return Destroy(TakeOne());
+    CreateOne();
+}
+
+void Application::CreateOne() {
+    if (!LibraryRuns() && random_.OneIn(2)) return Start();
+    const Key key = random_.OneIn(2) ? shared->wanted : static_cast<Key>(random_.Below(kKeys));
+    if (void* const instance = Create(key)) instances_.push_back(instance);
 }
 
 void* Application::TakeOne() {

@@ -33,6 +33,7 @@ struct Shared {
     Exports library{};
     World* world = nullptr;
     bool library_runs = false;    // the first thread is a user from the beginning to the end
+    Key wanted = kStable;         // what half of the creates are for
     bool modules_behave = false;  // no failing Init, nothing nested
     std::array<Slot, 3> slots;    // instances on their way from one thread to another
 };
@@ -55,6 +56,7 @@ class Application {
   private:
     void Step();
     void Start();
+    void CreateOne();
     void QueryKeys();
     void QueryAttribute();
     void Exchange();

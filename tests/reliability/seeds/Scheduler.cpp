@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kMaxThreads = 512;
 constexpr int kMaxHeld = 256;
-constexpr int kMaxChanges = 6;
+constexpr int kMaxChanges = 24;
 constexpr uint64_t kNever = UINT64_MAX;
 // More than any run takes: the run goes in circles.
 constexpr uint64_t kMaxSteps = 2'000'000;
@@ -51,6 +51,7 @@ struct Run {
     bool by_priority = false;
     bool short_waits_end = false;
     uint32_t one_in = 2;
+    uint32_t longest_pause = 1;  // of the scanning thread, in steps
     uint64_t seed = 0;
     uint64_t change_at[kMaxChanges];
     int changes = 0;
@@ -181,11 +182,12 @@ void SetUp(uint64_t seed) {
     run.seed = seed;
     run.random = Random(seed);
     run.hash = 0xCBF29CE484222325u;
-    run.by_priority = !run.random.OneIn(3);
+    run.by_priority = run.random.OneIn(2);
     run.short_waits_end = run.random.OneIn(4);
-    run.one_in = uint32_t{1} << run.random.Below(6);
+    run.one_in = uint32_t{1} << run.random.Below(5);
+    run.longest_pause = 40u << run.random.Below(5);
     // Where a change of priorities may be: most runs are longer than the shortest of these.
-    const uint32_t length = 500u << run.random.Below(4);
+    const uint32_t length = 500u << run.random.Below(5);
     run.changes = 1 + static_cast<int>(run.random.Below(kMaxChanges));
     for (uint64_t& at : run.change_at) at = run.random.Below(length);
     run.is_on = true;
@@ -311,7 +313,7 @@ Wait::Wait(const void* semaphore, unsigned milliseconds)
     if (milliseconds == kNoTimeOut) return;
     if (milliseconds >= kLongWaitMs) {
         ++run.long_waits;
-        due_ = run.steps + 20 + run.random.Below(600);
+        due_ = run.steps + 10 + run.random.Below(run.longest_pause);
     } else if (run.short_waits_end) {
         due_ = run.steps + 10 + run.random.Below(300);
     }

@@ -79,10 +79,11 @@ bool IsMapped(const std::string& path) {
 
 void RunThreads(uint64_t seed, schedule::Random& random) {
     std::vector<std::unique_ptr<Application>> applications;
+    const int steps = 10 << random.Below(3);
     for (uint64_t i = 0; i < kApplications; ++i)
-        applications.push_back(std::make_unique<Application>(seed * 8 + i, 8 + random.Below(12)));
+        applications.push_back(std::make_unique<Application>(seed * 8 + i, steps));
     // One switch is made before the threads start.
-    const int switches = 2 + static_cast<int>(random.Below(kSwitches - 2));
+    const int switches = 4 + static_cast<int>(random.Below(kSwitches - 4));
     Mover mover{schedule::Random(seed * 8 + kApplications), switches};
     std::vector<tova_thread_t> threads;
     for (const auto& application : applications)
@@ -138,7 +139,8 @@ schedule::Summary RunSeed(World& world, uint64_t seed) {
     mine.world = &world;
     void* const library = Load(world.Library(), mine.library);
     mine.library_runs = random.OneIn(2);
-    if (random.OneIn(2)) world.Switch(kTwo, random.Below(kVariants[kTwo]));
+    mine.wanted = static_cast<Key>(random.Below(kKeys));
+    for (const Folder folder : {kOne, kTwo}) world.Switch(folder, kVariants[folder] - 1);
     if (mine.library_runs && mine.library.Init() != VESSA_OK) Fail("the first Init fails");
     RunThreads(seed, random);
     if (!mine.library_runs && mine.library.Init() != VESSA_OK) Fail("the last Init fails");
