@@ -38,6 +38,11 @@ int Application::Run(void* argument) {
 
 void Application::Step() {
     schedule::Point("application.step");
+    if (shared->is_restless && random_.OneIn(4)) {
+        if (starts_ == 0) return Start();
+        StopOnce();
+        return;
+    }
     switch (random_.Below(20)) {
         case 0:
         case 1:
@@ -166,9 +171,7 @@ int Mover::Run(void* argument) {
     for (int i = 0; i < mover->steps; ++i) {
         const auto folder = static_cast<Folder>(mover->random.Below(kFolders));
         shared->world->Switch(folder, mover->random.Below(kVariants[folder]));
-        // A few places between two switches, so that a scan may come in between.
-        for (uint32_t wait = 1 + mover->random.Below(20); wait > 0; --wait)
-            schedule::Point("mover.step");
+        schedule::Pause(mover->pause);
     }
     return 0;
 }

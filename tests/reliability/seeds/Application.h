@@ -34,6 +34,7 @@ struct Shared {
     World* world = nullptr;
     bool library_runs = false;    // the first thread is a user from the beginning to the end
     Key wanted = kStable;         // what half of the creates are for
+    bool is_restless = false;     // starts and stops all the time
     bool modules_behave = false;  // no failing Init, nothing nested
     std::array<Slot, 3> slots;    // instances on their way from one thread to another
 };
@@ -76,6 +77,7 @@ Application* ThisApplication();
 struct Mover {
     schedule::Random random;
     int steps;
+    uint32_t pause;
     static int Run(void* mover);
 };
 

@@ -13,8 +13,10 @@
 // its time when nothing else is left to run, and that fails the run: no wake-up of the library may
 // depend on the clock. In one of four seeds short waits also end by themselves after some steps.
 //
-// Two kinds of choice take turns: by priorities that change at few places (which finds what needs
-// a thread to be held for long), and by the throw of a die at each place.
+// Three kinds of choice take turns: by the throw of a die at each place; by priorities, of which
+// some are lowered at a few steps; and by priorities that are lowered, one time in three, at a few
+// of the names of places, which the seed picks: that finds what needs a thread to be held for long,
+// or two of them.
 //
 // The processor is handed on by the system's bare call, and this library is built without
 // sanitizers: the thread sanitizer sees no order between threads but the one that the library under
@@ -63,6 +65,8 @@ SCHEDULE_API bool IsOn();
 
 // A place where the processor may be passed on. name lives as long as the program.
 SCHEDULE_API void Point(const char* name);
+// Waits for less than that many steps of all threads, or until nothing else is left to run.
+SCHEDULE_API void Pause(uint32_t steps);
 // Which thread of the schedule this is; the one that called Begin is 0.
 SCHEDULE_API int ThisThread();
 // Lets the scanning thread end the round that it is in, or make one, and waits for that; the round

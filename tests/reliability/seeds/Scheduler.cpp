@@ -49,6 +49,8 @@ struct Run {
     bool is_on = false;
     Random random{0};
     bool by_priority = false;
+    uint32_t holds_one_in = 0;  // of the places, if not 0
+    uint64_t holds_salt = 0;
     bool short_waits_end = false;
     uint32_t one_in = 2;
     uint32_t longest_pause = 1;  // of the scanning thread, in steps
@@ -101,8 +103,10 @@ void Mix(uint64_t value) {
     run.hash = (run.hash ^ value) * 0x100000001B3u;
 }
 
-void MixText(const char* text) {
-    for (; *text != '\0'; ++text) Mix(static_cast<unsigned char>(*text));
+uint64_t HashOf(const char* text) {
+    uint64_t hash = 0xCBF29CE484222325u;
+    for (; *text != '\0'; ++text) hash = (hash ^ static_cast<unsigned char>(*text)) * 0x100000001B3u;
+    return hash ^ (hash >> 29);
 }
 
 // Nobody can run: the shortest wait with a time-out ends by its time.
@@ -117,7 +121,7 @@ int PassTime() {
     if (threads[next].milliseconds < kLongWaitMs)
         Fail("lost wake-up: thread %d would wait for the end of its %u ms", next,
              threads[next].milliseconds);
-    if (++run.idle_rounds > kMaxIdleRounds)
+    if (threads[next].milliseconds > kLongWaitMs && ++run.idle_rounds > kMaxIdleRounds)
         Fail("deadlock: only the scanning thread still runs");
     threads[next].due = run.steps;
     return next;
@@ -169,7 +173,7 @@ void Step(const char* name) {
     ++run.steps;
     if (shown != nullptr) shown->steps = run.steps;
     Mix(static_cast<uint64_t>(self));
-    MixText(name);
+    Mix(HashOf(name));
     if (run.steps > kMaxSteps) Fail("the run goes in circles");
 }
 
@@ -177,12 +181,19 @@ void Demote(Thread& thread) {
     thread.priority = --run.lowest;
 }
 
+// Whether this is one of the few places at which this seed holds threads for long.
+bool IsHeldAt(const char* name) {
+    return run.holds_one_in != 0 && (HashOf(name) ^ run.holds_salt) % run.holds_one_in == 0;
+}
+
 void SetUp(uint64_t seed) {
     run = Run{};
     run.seed = seed;
     run.random = Random(seed);
     run.hash = 0xCBF29CE484222325u;
-    run.by_priority = run.random.OneIn(2);
+    run.by_priority = !run.random.OneIn(4);
+    if (run.by_priority && !run.random.OneIn(3)) run.holds_one_in = 4u << run.random.Below(3);
+    run.holds_salt = run.random.Next();
     run.short_waits_end = run.random.OneIn(4);
     run.one_in = uint32_t{1} << run.random.Below(5);
     run.longest_pause = 40u << run.random.Below(5);
@@ -274,9 +285,9 @@ void Point(const char* name) {
         if (run.random.OneIn(run.one_in)) Switch(true);
         return;
     }
-    for (int i = 0; i < run.changes; ++i) {
-        if (run.change_at[i] == run.steps) Demote(threads[self]);
-    }
+    bool is_held = IsHeldAt(name) && run.random.OneIn(3);
+    for (int i = 0; i < run.changes; ++i) is_held |= run.change_at[i] == run.steps;
+    if (is_held) Demote(threads[self]);
     Switch(true);
 }
 
@@ -333,6 +344,18 @@ bool Wait::UntilPosted() {
     if (me.posted) return true;
     if (milliseconds_ >= kLongWaitMs) ++run.scans;
     return false;
+}
+
+void Pause(uint32_t steps) {
+    Thread& me = threads[self];
+    me.posted = false;
+    me.waits_for = &me;
+    me.milliseconds = kLongWaitMs;
+    me.due = run.steps + run.random.Below(steps);
+    me.state = kForPost;
+    Switch(true);
+    me.state = kReady;
+    me.milliseconds = 0;
 }
 
 void Posted(const void* semaphore) {
