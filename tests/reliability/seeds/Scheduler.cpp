@@ -36,6 +36,7 @@ struct Thread {
     bool posted = false;
     bool timed_out = false;
     int64_t priority = 0;
+    uint64_t held_until = 0;  // the step up to which everybody else is before it
     uint32_t turn = 0;  // what the thread sleeps on
 };
 
@@ -51,6 +52,7 @@ struct Run {
     bool by_priority = false;
     uint32_t holds_one_in = 0;  // of the places, if not 0
     uint64_t holds_salt = 0;
+    bool holds_end = false;
     bool short_waits_end = false;
     uint32_t one_in = 2;
     uint32_t longest_pause = 1;  // of the scanning thread, in steps
@@ -127,6 +129,11 @@ int PassTime() {
     return next;
 }
 
+int64_t PriorityOf(const Thread& thread) {
+    // Below every other priority, among held threads in the usual order.
+    return thread.held_until > run.steps ? thread.priority - 2 * kFirstPriority : thread.priority;
+}
+
 int Choose() {
     int best = -1;
     int able = 0;
@@ -135,7 +142,7 @@ int Choose() {
         ++able;
         // Without priorities each of those that can run has the same chance.
         const bool better = best < 0 || (run.by_priority
-                                             ? threads[i].priority > threads[best].priority
+                                             ? PriorityOf(threads[i]) > PriorityOf(threads[best])
                                              : run.random.Below(static_cast<uint32_t>(able)) == 0);
         if (better) best = i;
     }
@@ -181,6 +188,13 @@ void Demote(Thread& thread) {
     thread.priority = --run.lowest;
 }
 
+void Hold(Thread& thread) {
+    if (run.holds_end)
+        thread.held_until = run.steps + (32u << run.random.Below(6));
+    else
+        Demote(thread);
+}
+
 // Whether this is one of the few places at which this seed holds threads for long.
 bool IsHeldAt(const char* name) {
     return run.holds_one_in != 0 && (HashOf(name) ^ run.holds_salt) % run.holds_one_in == 0;
@@ -194,6 +208,7 @@ void SetUp(uint64_t seed) {
     run.by_priority = !run.random.OneIn(4);
     if (run.by_priority && !run.random.OneIn(3)) run.holds_one_in = 4u << run.random.Below(3);
     run.holds_salt = run.random.Next();
+    run.holds_end = run.random.OneIn(2);
     run.short_waits_end = run.random.OneIn(4);
     run.one_in = uint32_t{1} << run.random.Below(5);
     run.longest_pause = 40u << run.random.Below(5);
@@ -285,9 +300,11 @@ void Point(const char* name) {
         if (run.random.OneIn(run.one_in)) Switch(true);
         return;
     }
-    bool is_held = IsHeldAt(name) && run.random.OneIn(3);
-    for (int i = 0; i < run.changes; ++i) is_held |= run.change_at[i] == run.steps;
-    if (is_held) Demote(threads[self]);
+    if (IsHeldAt(name) && run.random.OneIn(3))
+        Hold(threads[self]);
+    for (int i = 0; i < run.changes; ++i) {
+        if (run.change_at[i] == run.steps) Demote(threads[self]);
+    }
     Switch(true);
 }
 
