@@ -40,3 +40,9 @@ if(VESSA_SANITIZE)
     target_link_libraries(vessa_flags INTERFACE $<$<LINK_LANGUAGE:C>:stdc++>)
   endif()
 endif()
+if(VESSA_COVERAGE)
+  # Tests as well: of a function in a header that both have, the linker may take the test's.
+  target_compile_options(vessa_flags INTERFACE
+    --coverage -fprofile-update=atomic -fprofile-abs-path)
+  target_link_options(vessa_flags INTERFACE --coverage)
+endif()

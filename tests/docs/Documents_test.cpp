@@ -75,6 +75,25 @@ TEST(Readme, ShowsAHostInFifteenLinesAndAPluginInTwenty) {
     EXPECT_LE(std::count(blocks[1].begin(), blocks[1].end(), '\n'), 20);
 }
 
+TEST(PluginAuthors, AreShownNothingButTheExamplesOwnCode) {
+    const std::string document = ReadSource("docs/plugin-authors.md");
+    std::vector<std::string> blocks = CodeBlocks(document, "c");
+    for (std::string& block : CodeBlocks(document, "cpp")) blocks.push_back(std::move(block));
+    EXPECT_GE(blocks.size(), 4u);
+    std::string examples;
+    const fs::path folder = fs::path(VESSA_SOURCE_DIR) / "examples";
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+        const fs::path suffix = entry.path().extension();
+        if (suffix != ".c" && suffix != ".cpp" && suffix != ".h") continue;
+        std::ifstream file(entry.path());
+        std::stringstream text;
+        text << file.rdbuf();
+        examples += "\n" + text.str();
+    }
+    for (const std::string& block : blocks)
+        EXPECT_NE(examples.find("\n" + block), std::string::npos) << block;
+}
+
 TEST(Results, AreDocumentedAsTheHeaderListsThem) {
     std::string table;
 #define VESSA_TEST_ROW(name, number, meaning) table += ResultRow(#name, number, meaning);

@@ -27,6 +27,10 @@ struct PluginCoordinatorAccess {
             pending += record.state == RegistrationTable::Record::kPending;
         return pending == coordinator.registered_.pending() && coordinator.registered_.gaps_ == 0;
     }
+    // What a round had no memory to enter.
+    static size_t LeftOver(PluginCoordinator& coordinator) NO_THREAD_SAFETY_ANALYSIS {
+        return coordinator.not_entered_.size();
+    }
     static std::vector<std::string> Registered(PluginCoordinator& coordinator)
         NO_THREAD_SAFETY_ANALYSIS {
         std::vector<std::string> fkeys;
@@ -134,6 +138,7 @@ class World {
         coordinator_.GetAllFkeys(fkeys);
         return fkeys;
     }
+    size_t LeftOver() { return PluginCoordinatorAccess::LeftOver(coordinator_); }
     const LogCapture& log() const { return log_; }
 
   private:
@@ -258,6 +263,25 @@ TEST(ConfigChangesMemory, ADeletedFileIsTakenOutByTheNextRound) {
         return failed;
     });
     EXPECT_GT(allocations, 10);
+}
+
+// The file changes again before what it had declared could be entered: what it does not declare
+// any more is forgotten, and the rest is entered together with what it declares now.
+TEST(ConfigChangesMemory, WhatCouldNotBeEnteredIsEnteredWithTheNextChangeUnlessItIsGoneByThen) {
+    int rounds_with_left_overs = 0;
+    ForEachAllocation([&](World& world, long nth) {
+        world.Write(First());
+        const bool failed = world.ReportFailing(ConfigMonitor::kAdded, nth, kAfterTheText);
+        if (world.LeftOver() != 0) ++rounds_with_left_overs;
+        world.Write(Second());
+        world.Report(ConfigMonitor::kChanged);
+        EXPECT_EQ(world.LeftOver(), 0u);
+        EXPECT_EQ(world.Configured(), (Strings{"p", "y"}));
+        world.ExpectDeclared({"p", "y"}, nth);
+        world.ExpectHealed({"p", "y"}, nth);
+        return failed;
+    });
+    EXPECT_GT(rounds_with_left_overs, 0);
 }
 
 // The world's end looks at what is left.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -345,6 +346,14 @@ TEST(LogFormat, LooksAtTheThresholdAgainBeforeItWrites) {
     value.when_asked = [] { SKRIB_SetThreshold("vessa", SKRIB_LEVEL_OFF); };
     LOG_FORMAT(kError, "{0}", value);
     EXPECT_EQ(value.asked, 1);
+    EXPECT_TRUE(log.Is({}));
+}
+
+TEST(LogFormat, WithoutALoggerNothingIsWritten) {
+    std::atomic<void*> no_logger{nullptr};
+    const LogSite site{&no_logger, kError, "file", "function", 1};
+    LogCapture log;
+    LogFormat(site, nullptr, "text {0}", 1);
     EXPECT_TRUE(log.Is({}));
 }
 

@@ -70,6 +70,16 @@ TEST(NormalizePath, KeepsTheRootAndDriveRoots) {
     EXPECT_EQ(NormalizePath("/C:/"), "/C:");
 }
 
+TEST(NormalizePath, TakesOnlyALetterForADrive) {
+    for (const char* const sign : {"@", "[", "_", "`", "{", "1"}) {
+        const std::string root = std::string(sign) + ":/";
+        EXPECT_EQ(NormalizePath(root), root.substr(0, 2)) << root;
+        EXPECT_EQ(NormalizePath(root + "."), root.substr(0, 2)) << root;
+    }
+    for (const char* const letter : {"A", "Z", "a", "z"})
+        EXPECT_EQ(NormalizePath(std::string(letter) + ":/."), std::string(letter) + ":/");
+}
+
 TEST(NormalizePath, AnEmptyTextAndANullPointerAreEmpty) {
     EXPECT_EQ(NormalizePath(""), "");
     EXPECT_EQ(NormalizePath(std::string()), "");

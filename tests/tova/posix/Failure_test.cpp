@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "../Records.h"
 #include "../Support.h"
 #include "StandIns.h"
 
@@ -525,11 +526,20 @@ TEST(OutOfMemory, ALoadFailsAtEachAllocationUntilItSucceeds) {
 TEST(OutOfMemory, ARefusalKeepsItsErrorThoughItsRecordIsLost) {
     TempFolder folder;
     const std::string path = folder.Path("missing.module");
+    tova_test::Records records;
+    // Made before, so that it is the record's own text that lacks memory.
+    void* const logger = SKRIB_GetLogger("tova");
+    ASSERT_NE(logger, nullptr);
+    int lost = 0;
     for (int n = 1; n <= 20; ++n) {
         FailAllocation(n);
         EXPECT_EQ(TOVA_LoadDSo(path.c_str()), nullptr);
         const int error = TOVA_GetSystemLastError();
         FailAllocation(0);
         EXPECT_EQ(error, ENOENT) << "allocation " << n;
+        if (records.Take().empty()) ++lost;
     }
+    EXPECT_GT(lost, 0);
+    EXPECT_LT(lost, 20);
+    SKRIB_ReleaseLogger(logger);
 }

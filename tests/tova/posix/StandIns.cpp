@@ -32,6 +32,19 @@ Functions FindAll() {
     FindNext(found.cond_wait, "pthread_cond_wait");
     FindNext(found.cond_timedwait, "pthread_cond_timedwait");
     FindNext(found.attr_setstacksize, "pthread_attr_setstacksize");
+    FindNext(found.attr_init, "pthread_attr_init");
+    FindNext(found.join, "pthread_join");
+    FindNext(found.mutex_init, "pthread_mutex_init");
+    FindNext(found.cond_init, "pthread_cond_init");
+    FindNext(found.nanosleep, "clock_nanosleep");
+    FindNext(found.gettime, "clock_gettime");
+    FindNext(found.fstat, "fstat");
+    FindNext(found.pread, "pread");
+    FindNext(found.open, "dlopen");
+    FindNext(found.close, "dlclose");
+    FindNext(found.error, "dlerror");
+    FindNext(found.info, "dlinfo");
+    FindNext(found.address, "dladdr1");
     return found;
 }
 
@@ -125,6 +138,34 @@ __attribute__((visibility("default"))) int pthread_attr_setstacksize(pthread_att
     return (put.attr_setstacksize != nullptr ? put.attr_setstacksize : Real().attr_setstacksize)(
         attributes, size);
 }
+
+// The others in the same way. The system's own loader asks its caller's address for the caller:
+// dlopen stands in for the runtime alone, whose paths are absolute.
+#define STAND_IN_FOR(result, name, field, parameters, arguments, specifier)             \
+  __attribute__((visibility("default"))) result name parameters specifier {             \
+    return (put.field != nullptr ? put.field : Real().field)arguments;                  \
+  }
+
+STAND_IN_FOR(int, pthread_attr_init, attr_init, (pthread_attr_t * a), (a), noexcept)
+STAND_IN_FOR(int, pthread_join, join, (pthread_t thread, void** result), (thread, result), )
+STAND_IN_FOR(int, pthread_mutex_init, mutex_init,
+             (pthread_mutex_t * mutex, const pthread_mutexattr_t* a), (mutex, a), noexcept)
+STAND_IN_FOR(int, pthread_cond_init, cond_init,
+             (pthread_cond_t * condition, const pthread_condattr_t* a), (condition, a), noexcept)
+STAND_IN_FOR(int, clock_nanosleep, nanosleep,
+             (clockid_t clock, int flags, const timespec* time, timespec* left),
+             (clock, flags, time, left), )
+STAND_IN_FOR(int, clock_gettime, gettime, (clockid_t clock, timespec* time), (clock, time),
+             noexcept)
+STAND_IN_FOR(int, fstat, fstat, (int file, struct stat* status), (file, status), noexcept)
+STAND_IN_FOR(ssize_t, pread, pread, (int file, void* to, size_t size, off_t at),
+             (file, to, size, at), )
+STAND_IN_FOR(void*, dlopen, open, (const char* path, int flags), (path, flags), noexcept)
+STAND_IN_FOR(int, dlclose, close, (void* module), (module), noexcept)
+STAND_IN_FOR(char*, dlerror, error, (), (), noexcept)
+STAND_IN_FOR(int, dlinfo, info, (void* module, int what, void* to), (module, what, to), noexcept)
+STAND_IN_FOR(int, dladdr1, address, (const void* at, Dl_info* info, void** extra, int what),
+             (at, info, extra, what), noexcept)
 
 }  // extern "C"
 

@@ -1,11 +1,13 @@
 #ifndef TESTS_TOVA_POSIX_STANDINS_H
 #define TESTS_TOVA_POSIX_STANDINS_H
 
+#include <dlfcn.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
+#include <ctime>
 
 /*
  * This program defines some functions of the C library and the allocation operators, so that
@@ -20,6 +22,19 @@ struct Functions {
     int (*cond_wait)(pthread_cond_t*, pthread_mutex_t*);
     int (*cond_timedwait)(pthread_cond_t*, pthread_mutex_t*, const timespec*);
     int (*attr_setstacksize)(pthread_attr_t*, size_t);
+    int (*attr_init)(pthread_attr_t*);
+    int (*join)(pthread_t, void**);
+    int (*mutex_init)(pthread_mutex_t*, const pthread_mutexattr_t*);
+    int (*cond_init)(pthread_cond_t*, const pthread_condattr_t*);
+    int (*nanosleep)(clockid_t, int, const timespec*, timespec*);
+    int (*gettime)(clockid_t, timespec*);
+    int (*fstat)(int, struct stat*);
+    ssize_t (*pread)(int, void*, size_t, off_t);
+    void* (*open)(const char*, int);  // dlopen
+    int (*close)(void*);              // dlclose
+    char* (*error)();                 // dlerror
+    int (*info)(void*, int, void*);   // dlinfo
+    int (*address)(const void*, Dl_info*, void**, int);  // dladdr1
 };
 
 // What is called; a null is the real one.

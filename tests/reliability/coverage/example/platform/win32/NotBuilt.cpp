@@ -1,0 +1,4 @@
+// Stands for the sources that are not built here.
+int OnAnotherSystem() {
+    return 0;
+}
