@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -12,6 +11,8 @@
 #include <exception>
 #include <thread>
 
+#include "CountedMalloc.h"
+#include "skrib.h"
 #include "support/Allocation.h"
 
 namespace vessa_test {
@@ -19,7 +20,6 @@ namespace {
 
 constexpr long kUnjudged = 100;
 constexpr long kCheckpoints = 10;
-constexpr char kTunables[] = "glibc.malloc.tcache_count=0:glibc.malloc.arena_max=1";
 
 long CountEntries(const char* folder) {
     DIR* const directory = opendir(folder);
@@ -57,8 +57,7 @@ void LeaveOneBehind(const std::string& figure) {
     if (figure == "mappings") {
         // Two pages of different rights: it joins neither its neighbours nor itself.
         const auto page = static_cast<std::size_t>(getpagesize());
-        void* const two =
-            mmap(nullptr, 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* const two = mmap(nullptr, 2 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (two != MAP_FAILED) mprotect(two, page, PROT_READ);
     }
 }
@@ -99,8 +98,7 @@ bool RunOne(const std::string& name, long number, const std::string& plant,
     } catch (const std::exception& error) {
         wrong = error.what();
     }
-    if (!wrong.empty())
-        std::printf("%s: round %ld: %s\n", name.c_str(), number, wrong.c_str());
+    if (!wrong.empty()) std::printf("%s: round %ld: %s\n", name.c_str(), number, wrong.c_str());
     if (!plant.empty()) LeaveOneBehind(plant);
     return wrong.empty();
 }
@@ -109,8 +107,7 @@ bool RunOne(const std::string& name, long number, const std::string& plant,
 
 Figures Figures::Now() {
     Figures now;
-    const struct mallinfo2 heap = mallinfo2();
-    now.bytes = static_cast<long>(heap.uordblks + heap.hblkhd);
+    now.bytes = BytesInUse();
     now.blocks = LiveBlocks();
     now.descriptors = CountEntries("/proc/self/fd") - 1;  // the one of the counting
     now.threads = CountEntries("/proc/self/task");
@@ -120,18 +117,12 @@ Figures Figures::Now() {
 
 std::string Figures::Text() const {
     return std::to_string(blocks) + " blocks, " + std::to_string(bytes) + " bytes, " +
-           std::to_string(descriptors) + " descriptors, " + std::to_string(threads) +
-           " threads, " + std::to_string(mappings) + " mappings";
+           std::to_string(descriptors) + " descriptors, " + std::to_string(threads) + " threads, " +
+           std::to_string(mappings) + " mappings";
 }
 
-LeftoverOptions StartExactly(int argc, char** argv, std::size_t counts) {
-    const char* const tunables = std::getenv("GLIBC_TUNABLES");
-    if (tunables == nullptr || std::strcmp(tunables, kTunables) != 0) {
-        setenv("GLIBC_TUNABLES", kTunables, 1);
-        setenv("SKRIB_LEVEL", "off", 1);
-        execv("/proc/self/exe", argv);
-        Refuse(argv[0]);
-    }
+LeftoverOptions ReadOptions(int argc, char** argv, std::size_t counts) {
+    SKRIB_SetThreshold(nullptr, SKRIB_LEVEL_OFF);
     LeftoverOptions options;
     int at = 1;
     for (; at < argc && std::strncmp(argv[at], "--", 2) != 0; ++at)

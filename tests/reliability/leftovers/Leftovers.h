@@ -9,9 +9,7 @@
 // The first hundred rounds are not judged: in them the library makes what it keeps while it is
 // loaded (places of threads, the stripes of its instance table), and the system what it keeps for
 // the process (the stack of a thread that ended). From then on the five figures must be the same at
-// each of ten checkpoints; there is no tolerance. So that they can be, the programs start
-// themselves anew with an allocator that keeps nothing back for threads (no cache for each thread,
-// one arena): only then are the bytes in use the bytes that somebody holds.
+// each of ten checkpoints; there is no tolerance.
 //
 // A new case is one more branch in a program's round. It must leave what it found, and come in the
 // first hundred rounds.
@@ -29,7 +27,7 @@ namespace vessa_test {
 
 struct Figures {
     long blocks = 0;       // given out by operator new
-    long bytes = 0;        // in use by the C library's allocator
+    long bytes = 0;        // asked of malloc and its like; see CountedMalloc.h
     long descriptors = 0;  // /proc/self/fd
     long threads = 0;      // /proc/self/task
     long mappings = 0;     // lines of /proc/self/maps
@@ -46,9 +44,9 @@ struct LeftoverOptions {
     std::string plant;
 };
 
-// Starts this program anew, with the exact allocator, unless that has been done. Ends the program
-// with 2 if there are not as many numbers as said.
-LeftoverOptions StartExactly(int argc, char** argv, std::size_t counts);
+// Reads the arguments and turns the log off. Ends the program with 2 if there are not as many
+// numbers as said.
+LeftoverOptions ReadOptions(int argc, char** argv, std::size_t counts);
 
 // Runs round(0), round(1) ... and prints the figures. False: they were not the same all the time.
 // Also false if a round throws, or says what was wrong.

@@ -94,7 +94,8 @@ class LibraryRounds {
     }
 
     void Put(const std::string& text) {
-        folder_.WriteByRename("tarnet/comes/tarnet.xml", text);
+        folder_.Write("coming", text);
+        folder_.Rename("coming", "tarnet/comes/tarnet.xml");
         runtime_->Tick();
     }
 
@@ -142,8 +143,8 @@ class LibraryRounds {
     }
     void Expect(const std::string& what, int result, int expected) {
         if (result != expected)
-            wrong_ += what + ": " + std::to_string(result) + " for " + std::to_string(expected) +
-                      "; ";
+            wrong_ +=
+                what + ": " + std::to_string(result) + " for " + std::to_string(expected) + "; ";
     }
 
     LoadedLibrary library_;
@@ -153,7 +154,7 @@ class LibraryRounds {
 };
 
 int Main(int argc, char** argv) {
-    const LeftoverOptions options = StartExactly(argc, argv, 2);
+    const LeftoverOptions options = ReadOptions(argc, argv, 2);
     LibraryRounds rounds;
     rounds.Start();
     const bool lists = RunRounds("lists", options.counts[0], options.plant,

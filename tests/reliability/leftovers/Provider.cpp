@@ -26,17 +26,27 @@ class ProviderRounds {
     std::string Round(long number) {
         wrong_.clear();
         switch (number % 10) {
-            case 0: return WithInstances("good_v2", true, 1);
-            case 1: return WithInstances("good_v2", false, 3);
-            case 2: return WithInstances("good_v1", true, 2);
-            case 3: return PutOff();
-            case 4: return AgainBeforeTheLast();
-            case 5: return Refused("missing", VESSA_ERR_NO_MODULE_FILE);
-            case 6: return Refused("init_fails", VESSA_ERR_MODULE_INIT);
-            case 7: return Refused("garbage", VESSA_ERR_MODULE_LOAD);
-            case 8: return Refused(number % 20 == 8 ? "create_fails" : "no_entry",
-                                   number % 20 == 8 ? VESSA_FAILED : VESSA_ERR_NO_INTERFACE);
-            default: return Conflicts();
+            case 0:
+                return WithInstances("good_v2", true, 1);
+            case 1:
+                return WithInstances("good_v2", false, 3);
+            case 2:
+                return WithInstances("good_v1", true, 2);
+            case 3:
+                return PutOff();
+            case 4:
+                return AgainBeforeTheLast();
+            case 5:
+                return Refused("missing", VESSA_ERR_NO_MODULE_FILE);
+            case 6:
+                return Refused("init_fails", VESSA_ERR_MODULE_INIT);
+            case 7:
+                return Refused("garbage", VESSA_ERR_MODULE_LOAD);
+            case 8:
+                return Refused(number % 20 == 8 ? "create_fails" : "no_entry",
+                               number % 20 == 8 ? VESSA_FAILED : VESSA_ERR_NO_INTERFACE);
+            default:
+                return Conflicts();
         }
     }
 
@@ -140,8 +150,8 @@ class ProviderRounds {
     }
     void Expect(const std::string& what, int result, int expected) {
         if (result != expected)
-            wrong_ += what + ": " + std::to_string(result) + " for " + std::to_string(expected) +
-                      "; ";
+            wrong_ +=
+                what + ": " + std::to_string(result) + " for " + std::to_string(expected) + "; ";
     }
 
     TempDir dir_;
@@ -150,7 +160,7 @@ class ProviderRounds {
 };
 
 int Main(int argc, char** argv) {
-    const LeftoverOptions options = StartExactly(argc, argv, 1);
+    const LeftoverOptions options = ReadOptions(argc, argv, 1);
     ProviderRounds rounds;
     const std::string wrong = rounds.Fill();
     if (!wrong.empty()) {
