@@ -88,7 +88,8 @@ void Files::PutModule(const std::string& path, const ModuleFile& file) {
     if (file.kind == ModuleKind::kGarbage) return PutText(path, "this is no module at all\n");
     const bool first_version = file.keys.empty() && file.serial % 2 == 0;
     std::string image = Marked(Image(first_version), file.serial, file.kind);
-    if (file.kind == ModuleKind::kCut) image.resize(image.size() / 2);
+    // In the middle of what is mapped; behind it is much that only a debugger reads.
+    if (file.kind == ModuleKind::kCut) image.resize(0x2000);
     PutText(path, image);
 }
 
