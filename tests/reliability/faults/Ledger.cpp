@@ -33,8 +33,6 @@ int RealAttributes(pthread_t thread, pthread_attr_t* attributes)
     __asm__("__real_pthread_getattr_np");
 int SparedAttributes(pthread_t thread, pthread_attr_t* attributes)
     __asm__("__wrap_pthread_getattr_np");
-// The marked library says here when its parser runs.
-__attribute__((visibility("default"))) void Faults_Parser(int enters);
 }
 
 namespace faults {

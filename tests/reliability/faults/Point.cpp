@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -150,15 +151,15 @@ Judgement Place::JudgeBlocks(const Fault& fault, const Remains& reference) const
                                 " of " + std::to_string(is.failed_documents) + " documents"};
 }
 
-// The end of what the child wrote.
+// What the child wrote: a sanitizer's report, or the last of it.
 std::string Place::ErrorText() const {
-    constexpr off_t kMost = 1500;
-    const off_t size = lseek(error_file_, 0, SEEK_END);
-    std::string text(static_cast<size_t>(size < kMost ? size : kMost), '\0');
-    const ssize_t read =
-        pread(error_file_, text.data(), text.size(), size - static_cast<off_t>(text.size()));
+    constexpr size_t kMost = 2000;
+    std::string text(static_cast<size_t>(lseek(error_file_, 0, SEEK_END)), '\0');
+    const ssize_t read = pread(error_file_, text.data(), text.size(), 0);
     text.resize(read > 0 ? static_cast<size_t>(read) : 0);
-    return ":\n" + text;
+    const size_t report = text.find("==ERROR: ");
+    if (report != std::string::npos) return ":\n" + text.substr(report, kMost);
+    return ":\n" + text.substr(text.size() - std::min(text.size(), kMost));
 }
 
 void Place::Explain(const Fault& fault) {
