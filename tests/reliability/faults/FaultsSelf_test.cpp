@@ -30,8 +30,8 @@ ChildResult Points(const std::string& kind, Strings options) {
 
 struct Mistake {
     const char* plant;
-    const char* every;     // of the allocations
-    const char* verdict;   // that one line has at least
+    const char* every;    // of the allocations
+    const char* verdict;  // that one line has at least
     const char* reason;
 };
 std::ostream& operator<<(std::ostream& out, const Mistake& mistake) {
@@ -41,10 +41,9 @@ std::ostream& operator<<(std::ostream& out, const Mistake& mistake) {
 class PlantedMistake : public testing::TestWithParam<Mistake> {};
 
 TEST_P(PlantedMistake, IsSeen) {
-    const ChildResult result =
-        Points("allocations", {"--plant", GetParam().plant, "--every", GetParam().every,
-                               "--mode", "alone", "--watchdog",
-                               GetParam().plant == std::string("hang") ? "3" : "60"});
+    const ChildResult result = Points(
+        "allocations", {"--plant", GetParam().plant, "--every", GetParam().every, "--mode", "alone",
+                        "--watchdog", GetParam().plant == std::string("hang") ? "3" : "60"});
     EXPECT_TRUE(result.Exited(1)) << result;
     const size_t line = result.out.find(std::string(GetParam().verdict) + ": allocation ");
     ASSERT_NE(line, std::string::npos) << result;
@@ -91,8 +90,8 @@ TEST(PlantedMistakeOfTheRuntime, IsSeen) {
 }
 
 TEST(PlantedMistakeOfSystemCalls, IsSeen) {
-    const ChildResult result = Start(
-        FAULTS_SYSTEM_CALLS, {FAULTS_LIBRARY, "--call", "getdents64", "--plant", "lost-key"});
+    const ChildResult result =
+        Start(FAULTS_SYSTEM_CALLS, {FAULTS_LIBRARY, "--call", "getdents64", "--plant", "lost-key"});
     if (result.Exited(77)) GTEST_SKIP() << result.out;
     EXPECT_TRUE(result.Exited(1)) << result;
     EXPECT_NE(result.out.find("BROKEN: getdents64:error=EIO:when=1: "), std::string::npos)

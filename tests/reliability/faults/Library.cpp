@@ -75,8 +75,7 @@ int WrongAllFkeys(char*** fkeys, unsigned int* count) {
     }
     if (Grows(Plant::kDescriptor)) static_cast<void>(dup(STDERR_FILENO));
     const int result = real.QueryAllFkeys(fkeys, count);
-    if (result == VESSA_OK && *count > 5 && Grows(Plant::kHalfList))
-        delete[] (*fkeys)[--*count];
+    if (result == VESSA_OK && *count > 5 && Grows(Plant::kHalfList)) delete[](*fkeys)[--*count];
     return result;
 }
 
@@ -89,9 +88,9 @@ bool Find(void* handle, const char* name, F*& function) {
 }  // namespace
 
 Plant PlantNamed(const std::string& name) {
-    static const char* const kNames[] = {"none",  "leak",      "code",     "out",      "hang",
-                                         "crash", "half-list", "lost-key", "stays-on", "descriptor",
-                                         "thread", "parser", "stale"};
+    static const char* const kNames[] = {
+        "none",     "leak",     "code",       "out",    "hang",   "crash", "half-list",
+        "lost-key", "stays-on", "descriptor", "thread", "parser", "stale"};
     for (size_t i = 0; i < std::size(kNames); ++i) {
         if (name == kNames[i]) return static_cast<Plant>(i);
     }
