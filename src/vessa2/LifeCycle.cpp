@@ -38,7 +38,7 @@ void DestroyIfQuiet() {
 struct LibraryLife {
     LibraryLife() {
         AsymmetricFence::Prepare();
-        Contain([] { the_life_cycle.store(new (storage) LifeCycle); });
+        Contain([] { LifeCycle::Make(); });
     }
     ~LibraryLife() {
         if (!process::BeingUnloaded()) {
@@ -122,6 +122,16 @@ LifeCycle::~LifeCycle() {
 
 LifeCycle* LifeCycle::Get() {
     return the_life_cycle.load();
+}
+
+// Where an exception ends the initialisation the next call begins it again.
+LifeCycle* LifeCycle::Make() {
+    static const bool made = [] {
+        the_life_cycle.store(new (storage) LifeCycle);
+        return true;
+    }();
+    static_cast<void>(made);
+    return Get();
 }
 
 LifeCycle::State LifeCycle::Read() const {

@@ -13,16 +13,14 @@ using vessa_test::RuntimeCall;
 using vessa_test::Tova;
 
 constexpr RuntimeFunction kFunctions[] = {
-#define FAULTS_FUNCTION(name) {Tova::name, #name}
-    FAULTS_FUNCTION(Init),          FAULTS_FUNCTION(Fini),
-    FAULTS_FUNCTION(MutexCreate),   FAULTS_FUNCTION(MutexDestroy),
-    FAULTS_FUNCTION(MutexLock),     FAULTS_FUNCTION(MutexUnlock),
-    FAULTS_FUNCTION(SemCreate),     FAULTS_FUNCTION(SemDestroy),
-    FAULTS_FUNCTION(SemPost),       FAULTS_FUNCTION(SemWait),
-    FAULTS_FUNCTION(SemTimedWait),  FAULTS_FUNCTION(Thread_Create),
-    FAULTS_FUNCTION(Thread_Wait),   FAULTS_FUNCTION(LoadDSo),
-    FAULTS_FUNCTION(GetDsoSym),     FAULTS_FUNCTION(UnloadDSo),
-    FAULTS_FUNCTION(AccessFile),    FAULTS_FUNCTION(OpenDir),
+#define FAULTS_FUNCTION(name) \
+  { Tova::name, #name }
+    FAULTS_FUNCTION(Init),          FAULTS_FUNCTION(Fini),         FAULTS_FUNCTION(MutexCreate),
+    FAULTS_FUNCTION(MutexDestroy),  FAULTS_FUNCTION(MutexLock),    FAULTS_FUNCTION(MutexUnlock),
+    FAULTS_FUNCTION(SemCreate),     FAULTS_FUNCTION(SemDestroy),   FAULTS_FUNCTION(SemPost),
+    FAULTS_FUNCTION(SemWait),       FAULTS_FUNCTION(SemTimedWait), FAULTS_FUNCTION(Thread_Create),
+    FAULTS_FUNCTION(Thread_Wait),   FAULTS_FUNCTION(LoadDSo),      FAULTS_FUNCTION(GetDsoSym),
+    FAULTS_FUNCTION(UnloadDSo),     FAULTS_FUNCTION(AccessFile),   FAULTS_FUNCTION(OpenDir),
     FAULTS_FUNCTION(FindFileInDir), FAULTS_FUNCTION(CloseDir),
 #undef FAULTS_FUNCTION
 };
@@ -68,7 +66,8 @@ const RuntimeFunction* RuntimeFunctions(int* count) {
 
 Faults::Faults(const Fault& fault, vessa_test::Runtime& runtime, Tracing* tracing)
     : fault_(fault), runtime_(runtime), tracing_(tracing) {
-    if (fault_.kind == Kind::kAllocation) FailAllocation(fault_.nth, fault_.and_later);
+    if (fault_.kind == Kind::kAllocation)
+        FailAllocation(fault_.nth, fault_.extent != Extent::kAlone);
     if (fault_.kind == Kind::kRuntime)
         runtime_.Before(fault_.function, [this](RuntimeCall& call) { OnCall(call); });
 }
@@ -77,7 +76,7 @@ void Faults::OnCall(RuntimeCall& call) {
     if (stretches.load() == 0) return;
     const long number = calls.fetch_add(1) + 1;
     if (fault_.nth == 0 || stopped.load() || number < fault_.nth) return;
-    if (number > fault_.nth && !fault_.and_later) return;
+    if (number > fault_.nth && fault_.extent == Extent::kAlone) return;
     failed_calls.fetch_add(1);
     DoItsWork(call);
     call.Fail(fault_.function == Tova::MutexCreate || fault_.function == Tova::SemCreate
@@ -85,8 +84,7 @@ void Faults::OnCall(RuntimeCall& call) {
                   : vessa_test::kErrorIo);
 }
 
-Faults::Stretch::Stretch(Faults& faults)
-    : watch_(faults.fault_.kind == Kind::kAllocation) {
+Faults::Stretch::Stretch(Faults& faults) : watch_(faults.fault_.kind == Kind::kAllocation) {
     stretches.fetch_add(1);
 }
 

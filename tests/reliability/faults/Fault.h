@@ -13,12 +13,15 @@ namespace faults {
 
 enum class Kind { kAllocation, kRuntime, kSystemCall };
 
+// What fails: the nth alone, all from it on to the end of the step in which it is, or all from it
+// on to the end of the library's life.
+enum class Extent { kAlone, kStep, kLife };
+
 struct Fault {
     Kind kind = Kind::kAllocation;
     vessa_test::Tova function = vessa_test::Tova::Init;  // of kRuntime
-    // The nth fails, or all from it on to the end of the step in which that is; 0: none.
-    long nth = 0;
-    bool and_later = false;
+    long nth = 0;                                        // 0: none
+    Extent extent = Extent::kAlone;
 };
 
 // The functions of the runtime that can fail, and how each does it here:

@@ -29,12 +29,10 @@ void* REAL(realloc)(void*, size_t);
 void* REAL(memalign)(size_t, size_t);
 void REAL(free)(void*);
 // The sanitizer asks for a new thread's stack; without memory for that it ends the program.
-int RealAttributes(pthread_t thread, pthread_attr_t* attributes)
-    __asm__("__real_pthread_getattr_np");
-int SparedAttributes(pthread_t thread, pthread_attr_t* attributes)
-    __asm__("__wrap_pthread_getattr_np");
-// The marked library says here when its parser runs.
-__attribute__((visibility("default"))) void Faults_Parser(int enters);
+int RealAttributes(pthread_t thread,
+                   pthread_attr_t* attributes) __asm__("__real_pthread_getattr_np");
+int SparedAttributes(pthread_t thread,
+                     pthread_attr_t* attributes) __asm__("__wrap_pthread_getattr_np");
 }
 
 namespace faults {

@@ -55,4 +55,7 @@ void PrintBlocks();
 
 }  // namespace faults
 
+// The marked library says here when its parser runs, and when it does not any more.
+extern "C" __attribute__((visibility("default"))) void Faults_Parser(int enters);
+
 #endif

@@ -7,7 +7,9 @@
 #include <cstring>
 #include <iterator>
 #include <stdexcept>
+#include <thread>
 
+#include "Ledger.h"
 #include "modules/TestInterface.h"
 
 // The modules' hook, which they look for in the program from their destructors as well: a look-up
@@ -29,12 +31,28 @@ bool Grows(Plant plant) {
     return planted == plant && planted_from();
 }
 
+// Kept where the optimiser must believe that somebody looks.
+void* volatile lost[1000];
+
+void LoseDocuments() {
+    Faults_Parser(1);
+    for (void* volatile& block : lost) block = std::malloc(40);
+    Faults_Parser(0);
+}
+
+int ReadStale() {
+    lost[0] = std::calloc(1, sizeof(int));
+    const volatile int* const block = static_cast<int*>(lost[0]);
+    std::free(lost[0]);
+    return *block;
+}
+
 int WrongInit() {
     const int result = real.Init();
-    if (!Grows(Plant::kLeak)) return result;
-    static void* volatile lost = nullptr;
-    lost = std::malloc(40);
-    return lost != nullptr ? result : VESSA_FAILED;
+    if (Grows(Plant::kThread)) std::thread([] { pause(); }).detach();
+    if (Grows(Plant::kParser)) LoseDocuments();
+    if (Grows(Plant::kLeak)) lost[0] = std::malloc(40);
+    return Grows(Plant::kStale) ? ReadStale() : result;
 }
 
 int WrongCreate(const char* fkey, void** instance, int* plugin_error) {
@@ -57,8 +75,7 @@ int WrongAllFkeys(char*** fkeys, unsigned int* count) {
     }
     if (Grows(Plant::kDescriptor)) static_cast<void>(dup(STDERR_FILENO));
     const int result = real.QueryAllFkeys(fkeys, count);
-    if (result == VESSA_OK && *count > 5 && Grows(Plant::kHalfList))
-        delete[] (*fkeys)[--*count];
+    if (result == VESSA_OK && *count > 5 && Grows(Plant::kHalfList)) delete[](*fkeys)[--*count];
     return result;
 }
 
@@ -71,8 +88,9 @@ bool Find(void* handle, const char* name, F*& function) {
 }  // namespace
 
 Plant PlantNamed(const std::string& name) {
-    static const char* const kNames[] = {"none",  "leak",      "code",     "out",      "hang",
-                                         "crash", "half-list", "lost-key", "stays-on", "descriptor"};
+    static const char* const kNames[] = {
+        "none",     "leak",     "code",       "out",    "hang",   "crash", "half-list",
+        "lost-key", "stays-on", "descriptor", "thread", "parser", "stale"};
     for (size_t i = 0; i < std::size(kNames); ++i) {
         if (name == kNames[i]) return static_cast<Plant>(i);
     }

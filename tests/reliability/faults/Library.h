@@ -17,10 +17,13 @@ enum class Plant {
     kOutParameter,  // and leaves an instance behind
     kHang,          // the list of keys waits for ever
     kCrash,
-    kHalfList,  // one of a list's declared keys is missing
-    kLostKey,   // one is declared and never served
-    kStaysOn,   // the library cannot be unloaded
-    kDescriptor  // a descriptor is lost
+    kHalfList,    // one of a list's declared keys is missing
+    kLostKey,     // one is declared and never served
+    kStaysOn,     // the library cannot be unloaded
+    kDescriptor,  // a descriptor is lost
+    kThread,      // a thread is left
+    kParser,      // the parser loses more than a document
+    kStale        // a block is read that was given back: for the address sanitizer
 };
 // Throws std::invalid_argument.
 Plant PlantNamed(const std::string& name);

@@ -8,12 +8,14 @@ enum ParserEncoding : int {};
 extern "C" {
 __attribute__((weak)) void Faults_Parser(int enters);
 
-const char* RealParse(TiXmlDocument* document, const char* text, TiXmlParsingData* data,
-                      ParserEncoding encoding)
-    __asm__("__real__ZN13TiXmlDocument5ParseEPKcP16TiXmlParsingData13TiXmlEncoding");
-const char* MarkedParse(TiXmlDocument* document, const char* text, TiXmlParsingData* data,
-                        ParserEncoding encoding)
-    __asm__("__wrap__ZN13TiXmlDocument5ParseEPKcP16TiXmlParsingData13TiXmlEncoding");
+const char* RealParse(
+    TiXmlDocument* document, const char* text, TiXmlParsingData* data,
+    ParserEncoding
+        encoding) __asm__("__real__ZN13TiXmlDocument5ParseEPKcP16TiXmlParsingData13TiXmlEncoding");
+const char* MarkedParse(
+    TiXmlDocument* document, const char* text, TiXmlParsingData* data,
+    ParserEncoding
+        encoding) __asm__("__wrap__ZN13TiXmlDocument5ParseEPKcP16TiXmlParsingData13TiXmlEncoding");
 }
 
 namespace {

@@ -1,10 +1,10 @@
 #include "Point.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -41,20 +41,19 @@ std::string Blocks(long blocks, long bytes) {
 
 Place::Place(const std::string& library, Plant plant, unsigned watchdog_s)
     : folder_(library), plant_(plant), watchdog_s_(watchdog_s) {
-    void* const shared = mmap(nullptr, sizeof(Remains), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void* const shared =
+        mmap(nullptr, sizeof(Remains), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (shared == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
     remains_ = static_cast<Remains*>(shared);
-    error_file_ = open(std::filesystem::temp_directory_path().c_str(),
-                       O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-    if (error_file_ < 0) throw std::system_error(errno, std::generic_category(), "O_TMPFILE");
+    error_file_ = std::tmpfile();
+    if (error_file_ == nullptr) throw std::system_error(errno, std::generic_category(), "tmpfile");
     // The C library remembers the time zone, or that it had no memory for it.
     tzset();
 }
 
 Place::~Place() {
     munmap(remains_, sizeof(Remains));
-    close(error_file_);
+    std::fclose(error_file_);
 }
 
 void Place::LiveHere(const Fault& fault, Tracing* tracing) {
@@ -84,7 +83,7 @@ Judgement Place::Live(const Fault& fault, const Remains* reference, Tracing* tra
                       bool may_keep_descriptors) {
     folder_.Reset();
     *remains_ = Remains{};
-    if (ftruncate(error_file_, 0) != 0 || lseek(error_file_, 0, SEEK_SET) != 0)
+    if (ftruncate(fileno(error_file_), 0) != 0 || lseek(fileno(error_file_), 0, SEEK_SET) != 0)
         throw std::system_error(errno, std::generic_category(), "ftruncate");
     std::fflush(nullptr);
     const pid_t child = fork();
@@ -92,7 +91,7 @@ Judgement Place::Live(const Fault& fault, const Remains* reference, Tracing* tra
     if (child == 0) {
         // A child that hangs ends itself.
         alarm(watchdog_s_);
-        dup2(error_file_, STDERR_FILENO);
+        dup2(fileno(error_file_), STDERR_FILENO);
         LiveHere(fault, tracing);
         _exit(0);
     }
@@ -131,8 +130,8 @@ Judgement Place::JudgeBlocks(const Fault& fault, const Remains& reference) const
     const Remains& is = *remains_;
     const Census& census = is.census;
     const Census& usual = reference.census;
-    const std::string left = Blocks(census.blocks, census.bytes) + " are left, not " +
-                             Blocks(usual.blocks, usual.bytes);
+    const std::string left =
+        Blocks(census.blocks, census.bytes) + " are left, not " + Blocks(usual.blocks, usual.bytes);
     if (fault.kind == Kind::kRuntime && fault.function == vessa_test::Tova::UnloadDSo) {
         // Each module that stays is known to the system's loader and to the library's own.
         const long blocks = census.blocks - usual.blocks;
@@ -150,15 +149,15 @@ Judgement Place::JudgeBlocks(const Fault& fault, const Remains& reference) const
                                 " of " + std::to_string(is.failed_documents) + " documents"};
 }
 
-// The end of what the child wrote.
+// What the child wrote: a sanitizer's report, or the last of it.
 std::string Place::ErrorText() const {
-    constexpr off_t kMost = 1500;
-    const off_t size = lseek(error_file_, 0, SEEK_END);
-    std::string text(static_cast<size_t>(size < kMost ? size : kMost), '\0');
-    const ssize_t read =
-        pread(error_file_, text.data(), text.size(), size - static_cast<off_t>(text.size()));
+    constexpr size_t kMost = 2000;
+    std::string text(static_cast<size_t>(lseek(fileno(error_file_), 0, SEEK_END)), '\0');
+    const ssize_t read = pread(fileno(error_file_), text.data(), text.size(), 0);
     text.resize(read > 0 ? static_cast<size_t>(read) : 0);
-    return ":\n" + text;
+    const size_t report = text.find("==ERROR: ");
+    if (report != std::string::npos) return ":\n" + text.substr(report, kMost);
+    return ":\n" + text.substr(text.size() - std::min(text.size(), kMost));
 }
 
 void Place::Explain(const Fault& fault) {

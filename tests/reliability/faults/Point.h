@@ -3,6 +3,7 @@
 #ifndef VESSA_TESTS_RELIABILITY_FAULTS_POINT_H
 #define VESSA_TESTS_RELIABILITY_FAULTS_POINT_H
 
+#include <cstdio>
 #include <string>
 
 #include "Fault.h"
@@ -59,7 +60,7 @@ class Place {
     const Plant plant_;
     const unsigned watchdog_s_;
     Remains* remains_;
-    int error_file_;
+    std::FILE* error_file_;
 };
 
 }  // namespace faults

@@ -1,16 +1,17 @@
-// Every allocation, or every call of the runtime that can fail, fails once: alone, and together
-// with all later ones of its step. Each such point is a process of its own, forked from one that
-// has the folder ready and has not loaded the library yet. What is demanded stands in Scenario.h;
-// beyond that a point passes when nothing crashed, nothing hung, and when as much is left as after
-// the same life without a failure: blocks, descriptors and threads. What the XML parser loses when
-// it runs out of memory is counted apart and must not be more than the largest document.
+// Every allocation, or every call of the runtime that can fail, fails once: alone, together with
+// all later ones of its step, and together with all later ones of the library's life. Each such
+// point is a process of its own, forked from one that has the folder ready and has not loaded the
+// library yet. What is demanded stands in Scenario.h; beyond that a point passes when nothing
+// crashed, nothing hung, and when as much is left as after the same life without a failure: blocks,
+// descriptors and threads. What the XML parser loses when it runs out of memory is counted apart
+// and must not be more than the largest document.
 //
 //   faults_points <library> allocations|runtime [option...]
 //     --every <k>       every k-th point
 //     --jobs <n>        so many at a time
 //     --watchdog <s>    seconds after which a process hangs
 //     --log <level>     of the library's log, as for SKRIB_LEVEL
-//     --mode alone|from
+//     --mode alone|step|life   what fails besides (Fault.h); without it each of them
 //     --plant <mistake> a mistake of the library's (Library.h), for the tests of the checks
 //     --point <n> [--function <name>]   this one, in this process, with what it lost
 #include <sys/mman.h>
@@ -52,15 +53,24 @@ Options Read(int count, char** words) {
         const std::string name = words[i];
         if (i + 1 == count) throw std::invalid_argument(name + " wants a value");
         const std::string value = words[i + 1];
-        if (name == "--every") options.every = std::stol(value);
-        else if (name == "--jobs") options.jobs = std::stoi(value);
-        else if (name == "--watchdog") options.watchdog_s = static_cast<unsigned>(std::stoul(value));
-        else if (name == "--log") options.log = value;
-        else if (name == "--mode") options.mode = value;
-        else if (name == "--plant") options.plant = PlantNamed(value);
-        else if (name == "--point") options.point = std::stol(value);
-        else if (name == "--function") options.function = value;
-        else throw std::invalid_argument("no option is called " + name);
+        if (name == "--every")
+            options.every = std::stol(value);
+        else if (name == "--jobs")
+            options.jobs = std::stoi(value);
+        else if (name == "--watchdog")
+            options.watchdog_s = static_cast<unsigned>(std::stoul(value));
+        else if (name == "--log")
+            options.log = value;
+        else if (name == "--mode")
+            options.mode = value;
+        else if (name == "--plant")
+            options.plant = PlantNamed(value);
+        else if (name == "--point")
+            options.point = std::stol(value);
+        else if (name == "--function")
+            options.function = value;
+        else
+            throw std::invalid_argument("no option is called " + name);
     }
     return options;
 }
@@ -75,8 +85,19 @@ struct Series {
 struct Task {
     size_t series;
     long nth;
-    bool and_later;
+    Extent extent;
 };
+
+struct NamedExtent {
+    Extent extent;
+    const char* name;
+};
+constexpr NamedExtent kExtents[] = {
+    {Extent::kAlone, "alone"}, {Extent::kStep, "step"}, {Extent::kLife, "life"}};
+
+const char* NameOf(Extent extent) {
+    return kExtents[static_cast<size_t>(extent)].name;
+}
 
 // Of all workers together.
 struct Tally {
@@ -95,8 +116,8 @@ void Raise(std::atomic<long>& most, long value) {
 class Run {
   public:
     explicit Run(const Options& options) : options_(options) {
-        void* const shared = mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE,
-                                  MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* const shared =
+            mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (shared == MAP_FAILED) throw std::runtime_error("mmap");
         tally_ = new (shared) Tally{};
     }
@@ -128,7 +149,8 @@ class Run {
             const RuntimeFunction* const functions = RuntimeFunctions(&count);
             for (int i = 0; i < count; ++i) {
                 if (!options_.function.empty() && options_.function != functions[i].name) continue;
-                series_.push_back({Fault{Kind::kRuntime, functions[i].function}, functions[i].name});
+                series_.push_back(
+                    {Fault{Kind::kRuntime, functions[i].function}, functions[i].name});
             }
         }
         Place place(options_.library, Plant::kNone, options_.watchdog_s);
@@ -144,17 +166,19 @@ class Run {
         Place place(options_.library, options_.plant, options_.watchdog_s);
         Fault fault = series_.front().fault;
         fault.nth = options_.point;
-        fault.and_later = options_.mode == "from";
+        for (const NamedExtent& extent : kExtents) {
+            if (options_.mode == extent.name) fault.extent = extent.extent;
+        }
         place.Explain(fault);
         return place.remains().finished;
     }
 
     void MakeTasks() {
         for (size_t i = 0; i < series_.size(); ++i) {
-            for (const bool and_later : {false, true}) {
-                if (!options_.mode.empty() && (options_.mode == "from") != and_later) continue;
+            for (const NamedExtent& extent : kExtents) {
+                if (!options_.mode.empty() && options_.mode != extent.name) continue;
                 for (long n = 1; n <= series_[i].reference.counted; n += options_.every)
-                    tasks_.push_back({i, n, and_later});
+                    tasks_.push_back({i, n, extent.extent});
             }
         }
     }
@@ -180,15 +204,14 @@ class Run {
         const Series& series = series_[task.series];
         Fault fault = series.fault;
         fault.nth = task.nth;
-        fault.and_later = task.and_later;
+        fault.extent = task.extent;
         const Judgement judgement = place.Live(fault, &series.reference);
         ++tally_->verdicts[static_cast<size_t>(judgement.verdict)];
         Raise(tally_->parser_blocks, place.remains().census.parser_blocks);
         Raise(tally_->parser_bytes, place.remains().census.parser_bytes);
         if (judgement.verdict == Verdict::kGood) return;
         std::printf("%s: %s %ld %s: %s\n", kVerdicts[static_cast<size_t>(judgement.verdict)],
-                    series.name.c_str(), task.nth, task.and_later ? "from" : "alone",
-                    judgement.reason.c_str());
+                    series.name.c_str(), task.nth, NameOf(task.extent), judgement.reason.c_str());
     }
 
     bool Print() {
@@ -203,15 +226,17 @@ class Run {
         };
         if (options_.kind == Kind::kAllocation) {
             const Census& most = series_.front().reference.largest_document;
-            std::printf("  lost by the parser at most %ld blocks of %ld bytes; the largest document "
-                        "has %ld of %ld\n",
-                        tally_->parser_blocks.load(), tally_->parser_bytes.load(),
-                        most.parser_blocks, most.parser_bytes);
+            std::printf(
+                "  lost by the parser at most %ld blocks of %ld bytes; the largest document "
+                "has %ld of %ld\n",
+                tally_->parser_blocks.load(), tally_->parser_bytes.load(), most.parser_blocks,
+                most.parser_bytes);
         }
         const long bad = static_cast<long>(tasks_.size()) - of(Verdict::kGood);
-        std::printf("points %ld runs %zu every %ld: %ld crashes, %ld hangs, %ld leaks, %ld broken\n",
-                    points, tasks_.size(), options_.every, of(Verdict::kCrash), of(Verdict::kHang),
-                    of(Verdict::kLeak), of(Verdict::kBroken));
+        std::printf(
+            "points %ld runs %zu every %ld: %ld crashes, %ld hangs, %ld leaks, %ld broken\n",
+            points, tasks_.size(), options_.every, of(Verdict::kCrash), of(Verdict::kHang),
+            of(Verdict::kLeak), of(Verdict::kBroken));
         return bad == 0 && !tasks_.empty();
     }
 

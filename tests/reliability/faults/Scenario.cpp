@@ -34,10 +34,14 @@ void Scenario::Demand(bool is_so, const std::string& what) const {
     if (!is_so) throw Broken(std::string(*step_) + ": " + what);
 }
 
+void Scenario::DemandNamed(const char* of, int result, std::initializer_list<int> named) const {
+    const bool is_named = std::find(named.begin(), named.end(), result) != named.end();
+    Demand(result == VESSA_OK || is_named, std::string(of) + " gave " + Number(result));
+}
+
 // Without a failure a function succeeds; with one it may also have one of these results.
 void Scenario::DemandCode(const char* of, int result, std::initializer_list<int> when_hit) const {
-    const bool named = std::find(when_hit.begin(), when_hit.end(), result) != when_hit.end();
-    Demand(result == VESSA_OK || (Hit() && named), std::string(of) + " gave " + Number(result));
+    DemandNamed(of, result, Hit() ? when_hit : std::initializer_list<int>{});
 }
 
 void Scenario::Do(const char* name, const Lists& after, const Call& call, const Call& repeat) {
@@ -48,13 +52,14 @@ void Scenario::Do(const char* name, const Lists& after, const Call& call, const 
     const long failed = faults_.Failed();
     hit_ = failed != failed_;
     failed_ = failed;
+    was_hit_ = was_hit_ || hit_;
+    lists_ = after;
+    if (AllFails()) return;
     if (hit_) {
         faults_.Stop();
-        was_hit_ = true;
         CheckBetween(before, after);
     }
     repeat();
-    lists_ = after;
     // Its creates load modules: up to the failure each module's first use stays the step's own.
     if (was_hit_) CheckExactly(after);
     CheckLive();
@@ -98,8 +103,7 @@ bool Scenario::Serves(const std::string& fkey) {
     if (result == VESSA_OK) {
         Demand(instance != nullptr && error == 0, "a create of " + fkey + " gave no instance");
         const int gone = library_.DestroyInstance(instance, &error);
-        Demand(gone == VESSA_OK && error == 0,
-               "a destroy of " + fkey + " gave " + Number(gone));
+        Demand(gone == VESSA_OK && error == 0, "a destroy of " + fkey + " gave " + Number(gone));
         return true;
     }
     Demand(result == VESSA_ERR_NOT_REGISTERED,
@@ -121,8 +125,8 @@ void Scenario::CheckBetween(const Lists& before, const Lists& after) {
         const bool may = before.count(list) != 0 || after.count(list) != 0;
         const bool must = before.count(list) != 0 && after.count(list) != 0;
         const bool is = std::count(declared.begin(), declared.end(), list) != 0;
-        Demand(is ? may : !must, std::string("the list ") + text.name + " is declared: " +
-                                     (is ? "yes" : "no"));
+        Demand(is ? may : !must,
+               std::string("the list ") + text.name + " is declared: " + (is ? "yes" : "no"));
         for (const auto* keys : {&text.fkeys, &text.announced}) {
             for (const std::string& key : *keys) {
                 const bool serves = Serves(key);
@@ -162,6 +166,7 @@ void Scenario::CheckLive() {
 
 void Scenario::Live() {
     Load();
+    if (library_.handle == nullptr) return;
     Start();
     Create("create", kKeptKey, kept_);
     Create("create with a load", kDelayedKey, other_);
@@ -176,15 +181,18 @@ void Scenario::Live() {
     Destroy("destroy with an unload", kept_);
     const bool stays = faults_.fault().kind == Kind::kRuntime &&
                        faults_.fault().function == vessa_test::Tova::UnloadDSo && was_hit_;
-    Demand(stays || !Library::IsLoaded(folder_.module().c_str()), "the module is still loaded");
+    Demand(stays || AllFails() || !Library::IsLoaded(folder_.module().c_str()),
+           "the module is still loaded");
     Change("first list comes back", kFirst, true);
     Change("third list announces keys", kThird, true);
     Stop();
+    GiveBack();
     Unload();
 }
 
 void Scenario::LiveShortly() {
     was_hit_ = true;
+    mended_ = true;
     lists_ = {kBase, kFirst, kSecond, kThird};
     folder_.Reset();
     lists_.clear();
@@ -204,8 +212,7 @@ void Scenario::Load() {
         library_.Load(folder_.library().c_str());
     };
     Do("load the library", {}, load, [&] {
-        // One that had no memory for its global objects refuses to start until it is loaded anew.
-        if (Hit() && library_.handle != nullptr) Demand(library_.Unload(), "cannot be unloaded");
+        // One that is loaded without memory for its global objects must start all the same then.
         if (library_.handle == nullptr) {
             const Watch watch(false);
             library_.Load(folder_.library().c_str());
@@ -222,6 +229,7 @@ void Scenario::Start() {
         result = library_.Init();
         const vessa_test::AllocationPause pause;
         if (result == VESSA_OK) runtime_.AwaitWaiters();
+        runs_ = ever_ran_ = result == VESSA_OK;
     };
     Do("start", {kBase, kFirst}, start, [&] {
         DemandCode("Init", result, {VESSA_FAILED});
@@ -231,6 +239,7 @@ void Scenario::Start() {
             Demand(library_.Init() == VESSA_OK, "does not start afterwards");
             const vessa_test::AllocationPause pause;
             runtime_.AwaitWaiters();
+            runs_ = true;
         }
         // Never without any list: the library takes that for a root that is away.
         for (const List list : {kFirst, kBase}) {
@@ -238,6 +247,7 @@ void Scenario::Start() {
             RoundWith(list, true);
         }
     });
+    if (AllFails()) DemandNamed("Init", result, {VESSA_FAILED});
 }
 
 int Scenario::CreateOnce(const char* fkey, void*& instance) {
@@ -269,12 +279,18 @@ void Scenario::Create(const char* name, const char* fkey, void*& instance) {
         const Watch watch(false);
         Demand(CreateOnce(fkey, instance) == VESSA_OK, "cannot be created afterwards");
     });
+    // A list that could not be read has no keys.
+    if (AllFails())
+        DemandNamed("CreateInstance", result,
+                    {VESSA_ERR_OUT_OF_MEMORY, VESSA_FAILED, VESSA_ERR_NO_MODULE_FILE,
+                     VESSA_ERR_NO_INTERFACE, VESSA_ERR_MODULE_LOAD, VESSA_ERR_NOT_REGISTERED});
 }
 
 void Scenario::Destroy(const char* name, void*& instance) {
     int result = 99;
     int error = 99;
     void* const gone = instance;
+    if (gone == nullptr) return;
     const auto destroy = [&] {
         if (kept_ == gone) kept_ = nullptr;
         const Faults::Stretch stretch(faults_);
@@ -289,9 +305,30 @@ void Scenario::Destroy(const char* name, void*& instance) {
         }
         instance = nullptr;
     });
+    if (!AllFails()) return;
+    DemandNamed("DestroyInstance", result, {VESSA_ERR_OUT_OF_MEMORY});
+    instance = result == VESSA_OK ? nullptr : gone;
+}
+
+// What a life in which everything fails could not destroy is untouched.
+void Scenario::GiveBack() {
+    if (!AllFails()) return;
+    faults_.Stop();
+    mended_ = true;
+    Destroy("give back", kept_);
+    Destroy("give back", other_);
+    Destroy("give back", third_);
+    if (!ever_ran_) {
+        // What a failed start registered goes with the next stop.
+        const Watch watch(false);
+        Demand(library_.Init() == VESSA_OK, "does not start afterwards");
+        library_.Uninit();
+    }
+    CheckExactly({});
 }
 
 void Scenario::Query() {
+    if (kept_ == nullptr) return;
     int result = 99;
     int error = 99;
     void* found = &library_;
@@ -304,6 +341,7 @@ void Scenario::Query() {
         Demand(error == 0, "a query gives the plugin error " + Number(error));
         Demand((found != nullptr) == (result == VESSA_OK), "out parameter against the result");
     });
+    if (AllFails()) DemandNamed("QueryInterface", result, {VESSA_ERR_OUT_OF_MEMORY});
 }
 
 void Scenario::QueryAttribute() {
@@ -320,6 +358,8 @@ void Scenario::QueryAttribute() {
                "another value");
         Demand(result == VESSA_OK || std::strcmp(value, "untouched") == 0, "the value is touched");
     });
+    if (AllFails())
+        DemandNamed("QueryConfigAttribute", result, {VESSA_ERR_OUT_OF_MEMORY, VESSA_FAILED});
 }
 
 void Scenario::QueryAll() {
@@ -336,11 +376,13 @@ void Scenario::QueryAll() {
         Demand(fkeys != &nothing, "the list is not cleared");
         Demand(result != VESSA_OK || count == 21, "another number of keys");
         unsigned int null_entries = 0;
-        for (unsigned int i = 0; fkeys != nullptr && i < count; ++i) null_entries += fkeys[i] == nullptr;
+        for (unsigned int i = 0; fkeys != nullptr && i < count; ++i)
+            null_entries += fkeys[i] == nullptr;
         Demand(result != VESSA_OK || (fkeys != nullptr && null_entries == 0), "a key is null");
-        Demand(fkeys == nullptr || library_.ReleaseAllFkeys(fkeys, count) == VESSA_OK,
-               "cannot be given back");
     });
+    if (AllFails()) DemandNamed("QueryAllFkeys", result, {VESSA_ERR_OUT_OF_MEMORY});
+    Demand(fkeys == nullptr || library_.ReleaseAllFkeys(fkeys, count) == VESSA_OK,
+           "cannot be given back");
 }
 
 // One round of the scanning thread.
@@ -360,6 +402,7 @@ void Scenario::Change(const char* name, List list, bool comes) {
     comes ? static_cast<void>(after.insert(list)) : static_cast<void>(after.erase(list));
     const auto change = [&] {
         comes ? folder_.Come(list) : folder_.Go(list);
+        if (!runs_) return;
         const Faults::Stretch stretch(faults_);
         Round();
     };
@@ -372,8 +415,10 @@ void Scenario::Change(const char* name, List list, bool comes) {
 
 void Scenario::Stop() {
     const auto stop = [&] {
+        if (!runs_) return;
         const Faults::Stretch stretch(faults_);
         library_.Uninit();
+        runs_ = false;
     };
     Do("stop", {}, stop, [] {});
 }

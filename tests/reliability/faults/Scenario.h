@@ -16,6 +16,8 @@
 //  * done again without a failure it succeeds, and then the registry is exactly as after it. Doing
 //    a round of changes again means that the list goes and comes again: a list whose change was
 //    lost for want of something is read when it changes next.
+// Where everything fails to the end of the life, nothing is demanded of the steps but results that
+// the functions' texts name; what is left over is given back afterwards, and the library unloaded.
 // And from there on everything goes as if nothing had failed, to the end: the library is unmapped,
 // and so are the modules. A second, short life in the same process follows without any failure.
 //
@@ -75,13 +77,19 @@ class Scenario {
     void QueryAll();
     void Change(const char* name, List list, bool comes);
     void Stop();
+    void GiveBack();
     void Unload();
 
     void Round();
     void RoundWith(List list, bool comes);
     int CreateOnce(const char* fkey, void*& instance);
     bool Hit() const { return hit_; }
+    // Whether everything fails now.
+    bool AllFails() const {
+        return was_hit_ && faults_.fault().extent == Extent::kLife && !mended_;
+    }
     void Demand(bool is_so, const std::string& what) const;
+    void DemandNamed(const char* of, int result, std::initializer_list<int> named) const;
     void DemandCode(const char* of, int result, std::initializer_list<int> when_hit) const;
 
     Folder& folder_;
@@ -93,6 +101,9 @@ class Scenario {
     // Of this step, and of any step so far.
     bool hit_ = false;
     bool was_hit_ = false;
+    bool mended_ = false;  // nothing fails any more
+    bool runs_ = false;
+    bool ever_ran_ = false;
     long failed_ = 0;
     const char** const step_;
     void* kept_ = nullptr;

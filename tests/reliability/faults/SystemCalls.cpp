@@ -1,6 +1,7 @@
-// Every system call of a life of the library fails once: alone, and together with all later ones
-// of its step. The library is the built one; the calls are failed from outside by strace, one level
-// below the runtime. What is demanded stands in Scenario.h and Points.cpp.
+// Every system call of a life of the library fails once: alone, together with all later ones of its
+// kind in its step, and together with all later ones of its kind in the library's life. The library
+// is the built one; the calls are failed from outside by strace, one level below the runtime. What
+// is demanded stands in Scenario.h and Points.cpp.
 //
 // A point is the nth call of one kind in each thread that makes as many, from the library's load
 // on: the calls of two threads can fail in one life.
@@ -38,9 +39,9 @@ struct SystemCall {
 };
 
 constexpr SystemCall kCalls[] = {
-    {"openat", "EMFILE"},  {"read", "EIO"},        {"pread64", "EIO"},    {"newfstatat", "EIO"},
-    {"fstat", "EIO"},      {"getdents64", "EIO"},  {"access", "EACCES"},  {"lseek", "EIO"},
-    {"mmap", "ENOMEM"},    {"mprotect", "ENOMEM"}, {"munmap", "ENOMEM"},  {"clone3", "EAGAIN"},
+    {"openat", "EMFILE"},  {"read", "EIO"},         {"pread64", "EIO"},   {"newfstatat", "EIO"},
+    {"fstat", "EIO"},      {"getdents64", "EIO"},   {"access", "EACCES"}, {"lseek", "EIO"},
+    {"mmap", "ENOMEM"},    {"mprotect", "ENOMEM"},  {"munmap", "ENOMEM"}, {"clone3", "EAGAIN"},
     {"clone", "EAGAIN"},   {"membarrier", "EPERM"}, {"close", "EIO"},     {"write", "ENOSPC"},
     {"madvise", "ENOMEM"}, {"getcwd", "ENOENT"},
 };
@@ -62,12 +63,18 @@ Options Read(int count, char** words) {
     for (int i = 2; i + 1 < count; i += 2) {
         const std::string name = words[i];
         const std::string value = words[i + 1];
-        if (name == "--every") options.every = std::stol(value);
-        else if (name == "--jobs") options.jobs = std::stoi(value);
-        else if (name == "--watchdog") options.watchdog_s = static_cast<unsigned>(std::stoul(value));
-        else if (name == "--call") options.call = value;
-        else if (name == "--plant") options.plant = PlantNamed(value);
-        else throw std::invalid_argument("no option is called " + name);
+        if (name == "--every")
+            options.every = std::stol(value);
+        else if (name == "--jobs")
+            options.jobs = std::stoi(value);
+        else if (name == "--watchdog")
+            options.watchdog_s = static_cast<unsigned>(std::stoul(value));
+        else if (name == "--call")
+            options.call = value;
+        else if (name == "--plant")
+            options.plant = PlantNamed(value);
+        else
+            throw std::invalid_argument("no option is called " + name);
     }
     return options;
 }
@@ -75,7 +82,7 @@ Options Read(int count, char** words) {
 struct Task {
     const SystemCall* call;
     long nth;
-    bool and_later;
+    Extent extent;
 };
 
 struct Tally {
@@ -106,8 +113,8 @@ std::map<std::string, long> CountCalls(const std::string& text) {
 class Run {
   public:
     explicit Run(const Options& options) : options_(options) {
-        void* const shared = mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE,
-                                  MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* const shared =
+            mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (shared == MAP_FAILED) throw std::runtime_error("mmap");
         tally_ = new (shared) Tally{};
     }
@@ -131,7 +138,8 @@ class Run {
     void Prepare() {
         std::string calls;
         // "?": not every machine has all of them.
-        for (const SystemCall& call : kCalls) calls += std::string(calls.empty() ? "?" : ",?") + call.name;
+        for (const SystemCall& call : kCalls)
+            calls += std::string(calls.empty() ? "?" : ",?") + call.name;
         Place place(options_.library, Plant::kNone, options_.watchdog_s);
         Tracing tracing;
         tracing.Prepare(calls, "");
@@ -142,9 +150,9 @@ class Run {
         counts_ = CountCalls(tracing.Text());
         for (const SystemCall& call : kCalls) {
             if (!options_.call.empty() && options_.call != call.name) continue;
-            for (const bool and_later : {false, true}) {
+            for (const Extent extent : {Extent::kAlone, Extent::kStep, Extent::kLife}) {
                 for (long n = 1; n <= counts_[call.name]; n += options_.every)
-                    tasks_.push_back({&call, n, and_later});
+                    tasks_.push_back({&call, n, extent});
             }
         }
     }
@@ -171,18 +179,20 @@ class Run {
         const std::string call = task.call->name;
         const std::string injection = call + ":error=" + task.call->error +
                                       ":when=" + std::to_string(task.nth) +
-                                      (task.and_later ? "+" : "");
+                                      (task.extent == Extent::kAlone ? "" : "+");
         tracing.Prepare(call, injection);
+        Fault fault{Kind::kSystemCall};
+        fault.extent = task.extent;
         // A close that fails from outside does not close.
-        const Judgement judgement =
-            place.Live(Fault{Kind::kSystemCall}, &reference_, &tracing, call == "close");
+        const Judgement judgement = place.Live(fault, &reference_, &tracing, call == "close");
         ++tally_->verdicts[static_cast<size_t>(judgement.verdict)];
         if (judgement.verdict == Verdict::kGood) {
             if (place.remains().failed == 0) ++tally_->never;
             return;
         }
-        std::printf("%s: %s: %s\n", kVerdicts[static_cast<size_t>(judgement.verdict)],
-                    injection.c_str(), judgement.reason.c_str());
+        std::printf("%s: %s%s: %s\n", kVerdicts[static_cast<size_t>(judgement.verdict)],
+                    injection.c_str(), task.extent == Extent::kLife ? " to the end" : "",
+                    judgement.reason.c_str());
     }
 
     bool Print() {

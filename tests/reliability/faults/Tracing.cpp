@@ -42,8 +42,8 @@ bool IsTraced(pid_t process) {
 }  // namespace
 
 Tracing::Tracing() {
-    void* const memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void* const memory =
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) throw std::system_error(errno, std::generic_category(), "mmap");
     shared_ = new (memory) Shared{};
     file_ = (std::filesystem::temp_directory_path() / "vessa-strace-XXXXXX").string();
@@ -122,7 +122,7 @@ void Tracing::StartTracer(pid_t child) {
     const std::string process = std::to_string(child);
     const std::string trace = "trace=" + calls_;
     const std::string inject = "inject=" + injection_;
-    std::vector<const char*> words = {"strace", "-f",          "-qq", "-o",
+    std::vector<const char*> words = {"strace",      "-f", "-qq",        "-o",
                                       file_.c_str(), "-e", trace.c_str()};
     if (!injection_.empty()) words.insert(words.end(), {"-e", inject.c_str()});
     words.insert(words.end(), {"-e", "signal=none", "-p", process.c_str(), nullptr});
