@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <list>
@@ -307,7 +308,9 @@ std::string ReadAnswer(int answer) {
     }
 }
 
+// What the child makes goes with this folder also when it does not come to its end.
 Examination InChild(const std::function<void(Examination&)>& work) {
+    const TempDir folder;
     int ends[2];
     if (pipe(ends) != 0) throw std::runtime_error("no pipe");
     std::fflush(nullptr);
@@ -315,6 +318,7 @@ Examination InChild(const std::function<void(Examination&)>& work) {
     if (child < 0) throw std::runtime_error("no child");
     if (child == 0) {
         close(ends[0]);
+        setenv("TMPDIR", folder.Path().c_str(), 1);
         alarm(kWatchdogSeconds);
         RunInChild(work, ends[1]);
         _exit(0);
