@@ -16,6 +16,13 @@ namespace {
 using vessa_test::ChildOptions;
 using vessa_test::ChildResult;
 
+// To come to the act, and to be seen not to come back.
+#if defined(VESSA_SANITIZED)
+constexpr std::chrono::milliseconds kLongEnough{8000};
+#else
+constexpr std::chrono::milliseconds kLongEnough{2500};
+#endif
+
 enum class End { kHangs, kExits, kIsKilled };
 
 struct Case {
@@ -82,7 +89,7 @@ TEST_P(NotSurvived, TheHostEndsWithIt) {
     vessa_test::Install(world.dir, GetParam().module, kModulePath);
     ChildOptions host = world.Host(1);
     if (!GetParam().operation.empty()) host.environment["HOSTILE_OPERATION"] = GetParam().operation;
-    if (GetParam().end == End::kHangs) host.watchdog = std::chrono::milliseconds(1500);
+    if (GetParam().end == End::kHangs) host.watchdog = kLongEnough;
     const ChildResult result = RunChild(host);
     EXPECT_EQ(result.hung, GetParam().end == End::kHangs) << result;
     EXPECT_EQ(result.Exited(7), GetParam().end == End::kExits) << result;
