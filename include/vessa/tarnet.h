@@ -143,7 +143,8 @@ typedef const char* (*tarnet_get_file_version_t)(void);
  * fkeys null it stores in *count how many there are; with fkeys an array of that many zeroed
  * entries and *count still that number it fills the entries and stores how many it filled.
  * Only as many as were announced are read, an entry up to its first zero or 256 bytes. A
- * count below 1 is none. Asked only for elements with loadfkeys and without delayload, when
+ * count below 1 is none. Counts and entries are used whatever the calls return; other than 0
+ * from the first is logged. Asked only for elements with loadfkeys and without delayload, when
  * they are registered and again when they are removed: answer the same both times.
  */
 typedef int (*tarnet_get_plugin_map_fkeys_t)(char (*fkeys)[TARNET_FKEY_SIZE], int* count);

@@ -37,8 +37,9 @@ struct Row {
     // Announced keys and what a create of each gives; when not delay-loaded.
     std::vector<std::pair<std::string, int>> keys;
 
-    bool stays = false;  // the module is mapped after the stop
-    std::string left;    // what else is there then
+    bool loses_instance = false;  // the module does not free it
+    bool stays = false;           // the module is mapped after the stop
+    std::string left;             // what else is there then
 };
 
 inline std::ostream& operator<<(std::ostream& out, const Row& row) {

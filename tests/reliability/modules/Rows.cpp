@@ -52,6 +52,7 @@ Row FailsToQuery(const std::string& module, int error) {
 Row FailsToDestroy(const std::string& module, int error) {
     Row row = Of(module);
     row.destroy = {VESSA_FAILED, error};
+    row.loses_instance = error == kThrown;
     row.stays = true;
     return row;
 }
@@ -181,6 +182,7 @@ void AddActs(Rows& rows) {
         if (operation == "QueryInterface") throws.query = {VESSA_FAILED, kThrown};
         if (operation == "DestroyInstance") throws.destroy = {VESSA_FAILED, kThrown};
         throws.stays = operation == "DestroyInstance";
+        throws.loses_instance = throws.stays;
         throws.keys = {{"a", throws.create.result}};
         if (operation == "GetPluginMapFkeys" || operation == "Entry" || operation == "Init")
             throws.keys[0].second = VESSA_ERR_NOT_REGISTERED;

@@ -46,8 +46,8 @@ std::string ResultName(int result) {
 // unregistered after it; "hold" is for a reader of the application.
 class CellRun {
   public:
-    CellRun(const Cell& cell, const CellTimes& times, bool endless)
-        : cell_(cell), slot_(cell.slot), times_(times), endless_(endless) {}
+    CellRun(const Cell& cell, const CellTimes& times, Planted planted)
+        : cell_(cell), slot_(cell.slot), times_(times), planted_(planted) {}
 
     std::string Run() {
         Watch(times_.setup, false);
@@ -177,7 +177,8 @@ class CellRun {
     void TimedCall() {
         if (WantsOther() && other_ == nullptr) Create(Other(), other_);
         Watch(times_.call, true);
-        if (endless_) Gate().Wait();
+        if (planted_ == Planted::kEndless) Gate().Wait();
+        if (planted_ == Planted::kUser) VESSA_Init();
         if (CallWrites()) reader_released_.Open();
         outcome_ = Call();
         Watch(times_.rest, false);
@@ -332,7 +333,7 @@ class CellRun {
     const Cell cell_;
     const Slot& slot_ = cell_.slot;
     const CellTimes times_;
-    const bool endless_;
+    const Planted planted_;
     std::string outcome_;
     std::string problems_;
     bool ran_before_ = false;
@@ -395,8 +396,8 @@ std::string RunCross(bool on_two_threads, int milliseconds) {
     return inner == "OKOK" ? "OK" : inner;
 }
 
-std::string RunCell(const Cell& cell, const CellTimes& times, bool endless) {
-    return CellRun(cell, times, endless).Run();
+std::string RunCell(const Cell& cell, const CellTimes& times, Planted planted) {
+    return CellRun(cell, times, planted).Run();
 }
 
 }  // namespace reentrancy

@@ -15,10 +15,13 @@ struct CellTimes {
     int rest;   // to leave the slot and to stop
 };
 
+// A fault in the cell itself, to see the checks bite: the module waits for ever instead of making
+// the call, or leaves a user of the library behind.
+enum class Planted { kNothing, kEndless, kUser };
+
 // The outcome, as Expectation has it; with "; " and what went wrong on the way where something
 // did. A cell that does not end ends the process (Watchdog.h).
-// endless: the module waits for ever instead of making the call, to see the watchdog bite.
-std::string RunCell(const Cell& cell, const CellTimes& times, bool endless);
+std::string RunCell(const Cell& cell, const CellTimes& times, Planted planted);
 
 // Beside the cells: two modules that use each other in their Init, loaded by one thread or by two
 // at once. "OK" if it comes back.

@@ -10,8 +10,10 @@
 //   vessa_reentrancy --for-ever <ms>        how long what is said to wait for ever is waited for
 //   vessa_reentrancy --cross one|two        two modules that use each other in their Init, on one
 //                                           thread or on two: the second must not come back
-//   vessa_reentrancy --plant wrong|endless  to see that the check bites: a wrong expectation, or a
-//                                           module that waits for ever, in every cell
+//   vessa_reentrancy --plant wrong|endless|user
+//                                           to see that the check bites: in every cell a wrong
+//                                           expectation, a module that waits for ever, or one that
+//                                           leaves a user of the library behind
 #include <cstdio>
 #include <fstream>
 #include <iterator>

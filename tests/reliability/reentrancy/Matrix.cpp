@@ -141,13 +141,16 @@ std::string ExpectedOutcome(const Plan& plan, const CellResult& result) {
 }  // namespace
 
 void RunCells(const std::vector<int>& numbers, const Plan& plan) {
+    Planted planted = Planted::kNothing;
+    if (plan.plant == "endless") planted = Planted::kEndless;
+    if (plan.plant == "user") planted = Planted::kUser;
     const int for_ever_ms = plan.for_ever_ms != 0 ? plan.for_ever_ms : kForEverMs;
     const std::vector<Cell> cells = AllCells();
     for (const int number : numbers) {
         const Cell& cell = cells.at(static_cast<std::size_t>(number));
         const int call_ms = Expected(cell).outcome == kHung ? for_ever_ms : kCellMs;
         Say(std::to_string(number));
-        Say(" " + RunCell(cell, {kSetupMs, call_ms, kCellMs}, plan.plant == "endless") + "\n");
+        Say(" " + RunCell(cell, {kSetupMs, call_ms, kCellMs}, planted) + "\n");
     }
 }
 

@@ -11,7 +11,7 @@ namespace reentrancy {
 
 struct Plan {
     std::string only;   // a part of the cells' names; empty: all
-    std::string plant;  // a fault in the check itself: "wrong" or "endless"
+    std::string plant;  // a fault in the check itself: "wrong", "endless" or "user"
     int workers = 8;
     // How long a cell that is said to wait for ever is waited for; 0: long enough to tell it from
     // one that comes back.

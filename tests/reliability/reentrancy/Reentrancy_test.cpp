@@ -53,6 +53,12 @@ TEST(ReentrancyMatrix, ReportsACellThatDoesNotEnd) {
         << result;
 }
 
+TEST(ReentrancyMatrix, ReportsACellThatLeavesSomethingBehind) {
+    const ChildResult result = Matrix({"--only", kOneCell, "--plant", "user"});
+    EXPECT_TRUE(result.Exited(1)) << result;
+    EXPECT_NE(result.out.find("OK; it took 2 times to stop, not OK"), std::string::npos) << result;
+}
+
 TEST(ReentrancyMatrix, GoesOnBehindACellThatDoesNotEnd) {
     const std::string row =
         "CreateInstance_V2 in a first use / thread of the slot / no writer / DestroyInstance";
