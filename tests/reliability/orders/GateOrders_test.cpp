@@ -189,6 +189,12 @@ TEST_F(GateOrders, AReaderThatHidesBeforeTheSleeperCountsItselfIsSeenToHaveLeft)
     EXPECT_EQ(Passes("B", "gate.writer.sleeps"), 0);
 }
 
+TEST_F(GateOrders, AWriterDoesNotWaitForAReaderThatHasHiddenItself) {
+    EXPECT_TRUE(CarriedOut({Reader("A"), Writer("B")},
+                           {"A:test.reader.inside", "B:gate.writer.waits", "A:gate.reader.hidden",
+                            "B:test.writer.inside", "A:ends", "B:ends"}));
+}
+
 TEST_F(GateOrders, AReaderThatFoundNoSleeperHasLeftBeforeTheWriterLooksAgain) {
     EXPECT_TRUE(CarriedOut(
         {Reader("A"), Writer("B")},

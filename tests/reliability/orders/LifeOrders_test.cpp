@@ -234,6 +234,32 @@ TEST_F(LifeOrders, AModulesQueryForItsAttributesDoesNotWaitForARound) {
     VESSA_Uninit();
 }
 
+// ---- The end of the process, as its exit action sees it.
+
+TEST_F(LifeOrders, TheEndOfTheProcessWaitsForTheRoundThatIsUnderWay) {
+    Start();
+    world.Add("b");
+    const OrderThread leaves = {"A", [] { LifeCycle::Get()->LeaveProcess(); }};
+    EXPECT_TRUE(CarriedOut({Ticks(), Scanner(), leaves},
+                           {"tick:ends", "T:in.Init", "A:blocks", "T:coordinator.round.done",
+                            "A:blocks", "T:goes", "A:ends"}));
+    EXPECT_TRUE(runtime.Waiters().empty());
+    VESSA_Uninit();
+    EXPECT_EQ(Uninits("b"), 1);
+}
+
+TEST_F(LifeOrders, TheEndOfTheProcessDoesNotWaitForAStop) {
+    Start();
+    const OrderThread leaves = {"A", [] { LifeCycle::Get()->LeaveProcess(); }};
+    EXPECT_TRUE(CarriedOut({Stops("B"), leaves}, {"B:in.Uninit", "A:ends", "B:ends"}));
+}
+
+TEST_F(LifeOrders, TheEndOfTheProcessDoesNotWaitForAStart) {
+    const OrderThread leaves = {"A", [] { LifeCycle::Get()->LeaveProcess(); }};
+    EXPECT_TRUE(CarriedOut({Starts("B"), leaves}, {"B:in.Init", "A:ends", "B:ends"}));
+    VESSA_Uninit();
+}
+
 // ---- Starts and stops from inside plug-in calls.
 
 class InnerLifeOrders : public LifeOrders {

@@ -166,7 +166,7 @@ class Director {
     // Everybody goes on by himself now. Nothing that a thread uses could be destroyed before it
     // ended.
     void AwaitAll() {
-        const auto end = Clock::now() + kStepLimit;
+        const auto end = Clock::now() + StepLimit();
         for (int i = 0; i < Count(); ++i) {
             while (!IsStranger(i) && stage::WhatDoes(i) != Doing::kEnded) {
                 const int changes = stage::Changes();
@@ -202,6 +202,11 @@ class Director {
 };
 
 }  // namespace
+
+std::chrono::milliseconds StepLimit() {
+    const char* const text = std::getenv("VESSA_ORDER_LIMIT_MS");
+    return std::chrono::milliseconds(text != nullptr ? std::atol(text) : 30000);
+}
 
 testing::AssertionResult CarriedOut(const std::vector<OrderThread>& threads,
                                     const std::vector<std::string>& steps,

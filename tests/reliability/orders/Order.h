@@ -20,7 +20,7 @@
 // first other thread that reaches the first point of that name in the order, and is not waited
 // for at the end.
 //
-// A step that is not done within kStepLimit, or whose thread ends before it, fails the order: the
+// A step that is not done within StepLimit, or whose thread ends before it, fails the order: the
 // result names the step, and of each thread what it does and where it was last.
 //
 // Nothing here orders threads in the eyes of the thread sanitizer: what two threads of an order
@@ -39,7 +39,8 @@
 
 namespace vessa_test {
 
-constexpr std::chrono::seconds kStepLimit{30};
+// 30 seconds, or what VESSA_ORDER_LIMIT_MS says.
+std::chrono::milliseconds StepLimit();
 
 struct OrderThread {
     std::string name;
@@ -48,7 +49,7 @@ struct OrderThread {
 
 testing::AssertionResult CarriedOut(const std::vector<OrderThread>& threads,
                                     const std::vector<std::string>& steps,
-                                    std::chrono::milliseconds limit = kStepLimit);
+                                    std::chrono::milliseconds limit = StepLimit());
 
 // How often a thread passed a point while the last order was carried out.
 int Passes(const std::string& thread, const std::string& point);

@@ -5,13 +5,16 @@ set -euo pipefail
 cd "$(dirname "$0")/../../.."
 source tests/reliability/build.sh
 
-targets=(vessa_points_list_test vessa_orders_harness_test vessa_orders_gate_test
-         vessa_orders_common_test vessa_orders_registry_test vessa_orders_module_test
-         vessa_orders_life_test)
+targets=(vessa_points_list_test)
+for name in harness gate common registry module life; do
+    targets+=("vessa_orders_${name}_test")
+done
 builds=(gcc asan tsan)
 orders=
 for preset in "${builds[@]}"; do
-    build "$preset" "${targets[@]}"
+    bite=
+    [ "$preset" != asan ] || bite=vessa_orders_bite
+    build "$preset" "${targets[@]}" $bite
     folder=build-$preset/tests/reliability/orders
     counted=$(ctest --test-dir "$folder" -N | grep -c 'Test *#[0-9]*: [A-Za-z]*Orders\.') || true
     [ "$counted" -ge 60 ] || { echo "orders: only $counted orders in $preset" >&2; exit 1; }
