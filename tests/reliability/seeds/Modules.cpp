@@ -92,6 +92,7 @@ int Create(Module module, void** instance) {
     TouchGeneration(module);
     Point("module.create");
     if (module == kModuleE) UseOthers();
+    if (shared->is_restless && Throw(6)) ThisApplication()->StopOnce();
     *instance = ledger::MakeInstance(module);
     Point("module.created");
     ledger::Leave(module);

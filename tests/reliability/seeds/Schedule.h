@@ -14,7 +14,7 @@
 // depend on the clock. In one of four seeds short waits also end by themselves after some steps.
 //
 // Three kinds of choice take turns: by the throw of a die at each place; by priorities, of which
-// some are lowered at a few steps; and by priorities that are lowered, one time in three, at a few
+// some are lowered at a few steps; and by priorities that are lowered, every other time, at some
 // of the names of places, which the seed picks: that finds what needs a thread to be held for long,
 // or two of them.
 //
@@ -57,9 +57,9 @@ struct Census {
     long mutexes, semaphores, threads, modules, folders;
 };
 
-// The calling thread is the first one. The seed's schedule lasts until End, when it must be the
-// only one again.
-SCHEDULE_API void Begin(uint64_t seed);
+// The calling thread is the first one. The schedule of this round of the seed lasts until End, when
+// it must be the only one again.
+SCHEDULE_API void Begin(uint64_t seed, int round);
 SCHEDULE_API Summary End();
 SCHEDULE_API bool IsOn();
 
@@ -80,6 +80,7 @@ SCHEDULE_API Census Count();
 // Where the seed and the steps are shown to whoever watches this process. May be null.
 struct Shown {
     volatile uint64_t seed;
+    volatile uint64_t round;
     volatile uint64_t steps;
 };
 SCHEDULE_API void ShowIn(Shown* shown);

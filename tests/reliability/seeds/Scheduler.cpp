@@ -8,6 +8,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <initializer_list>
 
 #include "reliability/seeds/RawCall.h"
 
@@ -17,6 +19,7 @@ namespace {
 constexpr int kMaxThreads = 512;
 constexpr int kMaxHeld = 256;
 constexpr int kMaxChanges = 24;
+constexpr uint64_t kMaxRounds = 64;
 constexpr uint64_t kNever = UINT64_MAX;
 // More than any run takes: the run goes in circles.
 constexpr uint64_t kMaxSteps = 2'000'000;
@@ -28,7 +31,7 @@ enum State { kReady, kForMutex, kForPost, kForEnd, kEnded };
 
 struct Thread {
     State state = kReady;
-    const char* at = "start";
+    char at[48] = "start";  // the name itself may go away with the library
     const void* waits_for = nullptr;  // the mutex or the semaphore
     int joins = -1;
     unsigned milliseconds = 0;
@@ -57,6 +60,7 @@ struct Run {
     uint32_t one_in = 2;
     uint32_t longest_pause = 1;  // of the scanning thread, in steps
     uint64_t seed = 0;
+    int round = 0;
     uint64_t change_at[kMaxChanges];
     int changes = 0;
     int64_t lowest = 0;
@@ -176,7 +180,7 @@ void Switch(bool comes_back) {
 
 void Step(const char* name) {
     Thread& me = threads[self];
-    me.at = name;
+    std::strncpy(me.at, name, sizeof me.at - 1);
     ++run.steps;
     if (shown != nullptr) shown->steps = run.steps;
     Mix(static_cast<uint64_t>(self));
@@ -195,23 +199,32 @@ void Hold(Thread& thread) {
         Demote(thread);
 }
 
+// Places of the runtime, which are passed far more often than those of the library.
+bool IsCommon(const char* name) {
+    for (const char* const area : {"mutex.", "atomic.", "sem."}) {
+        if (std::strncmp(name, area, std::strlen(area)) == 0) return true;
+    }
+    return false;
+}
+
 // Whether this is one of the few places at which this seed holds threads for long.
 bool IsHeldAt(const char* name) {
     return run.holds_one_in != 0 && (HashOf(name) ^ run.holds_salt) % run.holds_one_in == 0;
 }
 
-void SetUp(uint64_t seed) {
+void SetUp(uint64_t seed, int round) {
     run = Run{};
     run.seed = seed;
-    run.random = Random(seed);
+    run.round = round;
+    run.random = Random(seed * kMaxRounds + static_cast<uint64_t>(round));
     run.hash = 0xCBF29CE484222325u;
     run.by_priority = !run.random.OneIn(4);
-    if (run.by_priority && !run.random.OneIn(3)) run.holds_one_in = 4u << run.random.Below(3);
+    if (run.by_priority && !run.random.OneIn(3)) run.holds_one_in = 2u << run.random.Below(3);
     run.holds_salt = run.random.Next();
     run.holds_end = run.random.OneIn(2);
     run.short_waits_end = run.random.OneIn(4);
     run.one_in = uint32_t{1} << run.random.Below(5);
-    run.longest_pause = 40u << run.random.Below(5);
+    run.longest_pause = 8u << run.random.Below(6);
     // Where a change of priorities may be: most runs are longer than the shortest of these.
     const uint32_t length = 500u << run.random.Below(5);
     run.changes = 1 + static_cast<int>(run.random.Below(kMaxChanges));
@@ -251,9 +264,13 @@ void ShowIn(Shown* where) {
     shown = where;
 }
 
-void Begin(uint64_t seed) {
-    SetUp(seed);
-    if (shown != nullptr) shown->seed = seed;
+void Begin(uint64_t seed, int round) {
+    SetUp(seed, round);
+    if (shown != nullptr) {
+        shown->seed = seed;
+        shown->round = static_cast<uint64_t>(round);
+        shown->steps = 0;
+    }
     self = AddThread();
 }
 
@@ -281,7 +298,8 @@ int ThisThread() {
 }
 
 void Fail(const char* format, ...) {
-    std::fprintf(stderr, "seeds: seed %llu, step %llu: ", static_cast<unsigned long long>(run.seed),
+    std::fprintf(stderr, "seeds: seed %llu, round %d, step %llu: ",
+                 static_cast<unsigned long long>(run.seed), run.round,
                  static_cast<unsigned long long>(run.steps));
     va_list arguments;
     va_start(arguments, format);
@@ -300,8 +318,7 @@ void Point(const char* name) {
         if (run.random.OneIn(run.one_in)) Switch(true);
         return;
     }
-    if (IsHeldAt(name) && run.random.OneIn(3))
-        Hold(threads[self]);
+    if (IsHeldAt(name) && run.random.OneIn(IsCommon(name) ? 16 : 2)) Hold(threads[self]);
     for (int i = 0; i < run.changes; ++i) {
         if (run.change_at[i] == run.steps) Demote(threads[self]);
     }

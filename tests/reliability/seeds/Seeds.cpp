@@ -6,7 +6,7 @@
 //   --twice                            each seed twice: the schedules must be the same
 //   --log                              with everything that the library logs
 //
-// A run: the library is loaded; four threads make random creates, destroys, queries, questions for
+// A seed has eight rounds, each with a schedule of its own: the library is loaded; four threads make random creates, destroys, queries, questions for
 // keys and attributes, starts and stops, and hand instances to each other; one switches list files;
 // the scanning thread scans after a seeded number of steps. Every result must be one of those that
 // are allowed (Application.cpp), and what the modules see must be in order (Ledger.h). At the end a
@@ -40,6 +40,7 @@ namespace {
 
 using schedule::Fail;
 
+constexpr int kRounds = 8;
 constexpr int kApplications = 4;
 constexpr auto kWatchdog = std::chrono::seconds(60);
 
@@ -83,8 +84,8 @@ void RunThreads(uint64_t seed, schedule::Random& random) {
     for (uint64_t i = 0; i < kApplications; ++i)
         applications.push_back(std::make_unique<Application>(seed * 8 + i, steps));
     // One switch is made before the threads start.
-    const int switches = 4 + static_cast<int>(random.Below(kSwitches - 4));
-    Mover mover{schedule::Random(seed * 8 + kApplications), switches, 20u << random.Below(5)};
+    const int switches = 8 + static_cast<int>(random.Below(kSwitches - 8));
+    Mover mover{schedule::Random(seed * 8 + kApplications), switches, 8u << random.Below(6)};
     std::vector<tova_thread_t> threads;
     for (const auto& application : applications)
         threads.push_back(TOVA_Thread_Create(&Application::Run, application.get(), 0, 0, 0, 0));
@@ -129,21 +130,22 @@ void CheckNothingIsLeft(const World& world, void* library) {
              left.mutexes, left.semaphores, left.threads, left.modules, left.folders);
 }
 
-schedule::Summary RunSeed(World& world, uint64_t seed) {
-    schedule::Begin(seed);
+schedule::Summary RunRound(World& world, uint64_t seed, int round) {
+    schedule::Begin(seed, round);
     ledger::Reset();
     world.Reset();
-    schedule::Random random(seed + 0x5EED);
+    const uint64_t round_seed = seed * kRounds + static_cast<uint64_t>(round);
+    schedule::Random random(round_seed);
     Shared mine;
     shared = &mine;
     mine.world = &world;
     void* const library = Load(world.Library(), mine.library);
-    mine.library_runs = random.OneIn(2);
-    mine.is_restless = random.OneIn(3);
+    mine.library_runs = random.OneIn(3);
+    mine.is_restless = random.OneIn(2);
     mine.wanted = static_cast<Key>(random.Below(kKeys));
     for (const Folder folder : {kOne, kTwo}) world.Switch(folder, kVariants[folder] - 1);
     if (mine.library_runs && mine.library.Init() != VESSA_OK) Fail("the first Init fails");
-    RunThreads(seed, random);
+    RunThreads(round_seed, random);
     if (!mine.library_runs && mine.library.Init() != VESSA_OK) Fail("the last Init fails");
     mine.library_runs = true;
     CheckRegistry();
@@ -151,6 +153,19 @@ schedule::Summary RunSeed(World& world, uint64_t seed) {
     CheckNothingIsLeft(world, library);
     shared = nullptr;
     return schedule::End();
+}
+
+schedule::Summary RunSeed(World& world, uint64_t seed) {
+    schedule::Summary all{};
+    for (int round = 0; round < kRounds; ++round) {
+        const schedule::Summary one = RunRound(world, seed, round);
+        all.hash = (all.hash ^ one.hash) * 0x100000001B3u;
+        all.steps += one.steps;
+        all.switches += one.switches;
+        all.scans += one.scans;
+        if (one.threads > all.threads) all.threads = one.threads;
+    }
+    return all;
 }
 
 void PrintFigures(const Options& options, const schedule::Summary& all, int most_threads) {
@@ -197,8 +212,8 @@ int Watch(pid_t child, const schedule::Shown& shown) {
         int status = 0;
         if (waitpid(child, &status, WNOHANG) == child) return status;
         const auto now = std::chrono::steady_clock::now();
-        if (shown.steps + shown.seed != steps) {
-            steps = shown.steps + shown.seed;
+        if (shown.steps + shown.round + shown.seed != steps) {
+            steps = shown.steps + shown.round + shown.seed;
             last_step = now;
         } else if (now - last_step > kWatchdog) {
             kill(child, SIGKILL);
@@ -217,8 +232,10 @@ int Report(int status, const Options& options, const schedule::Shown& shown) {
                       strsignal(WTERMSIG(status)));
     else if (status != -1)
         std::snprintf(how, sizeof how, "exit status %d", WEXITSTATUS(status));
-    std::fprintf(stderr, "seeds: seed %llu failed at step %llu: %s\n   replay: %s run %llu --library %s\n",
+    std::fprintf(stderr, "seeds: seed %llu failed in round %llu at step %llu: %s\n"
+                 "   replay: %s run %llu --library %s\n",
                  static_cast<unsigned long long>(shown.seed),
+                 static_cast<unsigned long long>(shown.round),
                  static_cast<unsigned long long>(shown.steps), how,
                  vessa_test::OwnProgram().c_str(), static_cast<unsigned long long>(shown.seed),
                  options.library.c_str());
@@ -267,7 +284,7 @@ int Main(int count, char** arguments) {
     void* const page = mmap(nullptr, sizeof(schedule::Shown), PROT_READ | PROT_WRITE,
                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) return 2;
-    auto* const shown = new (page) schedule::Shown{0, 0};
+    auto* const shown = new (page) schedule::Shown{0, 0, 0};
     World world(options.library,
                 FolderOf(vessa_test::OwnProgram()) + "/../lib/seeds/seeds_module.so");
     const pid_t child = fork();

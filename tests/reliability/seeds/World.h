@@ -25,7 +25,7 @@ constexpr Module kModuleOf[kKeys] = {kModuleStable, kModuleAb, kModuleAb,
 enum Folder { kOne, kTwo, kFolders };
 constexpr unsigned kVariants[kFolders] = {4, 8};  // one bit for each key of the folder
 constexpr Key kFirstKey[kFolders] = {kA, kC};
-constexpr int kSwitches = 24;  // of a folder's list, in one run
+constexpr int kSwitches = 64;  // of a folder's list, in one run
 
 class World {
   public:
