@@ -260,6 +260,15 @@ void Conductor::RunLife(long phase) {
     host_.SetThreadFaults(may_fail ? 4 : 0);
     RunThreads(TheOptions().threads, [&](int i) { LifeThread(host_, i, may_fail).Run(phase); });
     host_.SetThreadFaults(0);
+    // A start that failed last leaves what it registered to the next start and stop.
+    const int result = host_.library().Init();
+    if (result != VESSA_OK) Mismatch("a start after all others", "VESSA_OK", ResultName(result));
+    host_.library().Uninit();
+    // Each start has loaded and unloaded what is not delay-loaded.
+    for (const auto& worker : workers_) {
+        worker->model().Restart();
+        worker->model().Stop();
+    }
     CompareStopped();
     Modules::FreeDead();
 }
