@@ -1,10 +1,11 @@
 // The random run's program; Random.h says what it does.
 //
 //   vessa_random [--seed S] [--threads T] [--seconds N | --phases P] [--operations O] [--complete]
-//                [--vessa FILE] [--plant count]
+//                [--vessa FILE] [--plant rule | module]
 //
-// --vessa runs another build of the library. --plant count has the model told of one instance too
-// many: a run that does not find that does not look.
+// --vessa runs another build of the library. --plant rule has the model believe that a list file
+// which cannot be read counts as removed; --plant module has some modules not count their
+// instances. A run that does not find these does not look.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -81,7 +81,7 @@ const std::vector<Worker::Weighted>& Worker::Operations() {
         {20, &Worker::QueryDead, true},     {60, &Worker::Attribute, true},
         {12, &Worker::AllKeys, true},       {20, &Worker::Init, true},
         {24, &Worker::Uninit, true},        {25, &Worker::BadArgument, true},
-        {8, &Worker::OwnRound, false},      {2, &Worker::SharedRound, false},
+        {6, &Worker::OwnRound, false},      {2, &Worker::SharedRound, false},
         {1, &Worker::MemoryRound, false},
     };
     return operations;
