@@ -46,7 +46,7 @@ bool ReadOptions(int argc, char** argv, Options& options, std::string& vessa) {
         else if (name == "--operations")
             options.operations = static_cast<int>(number);
         else if (name == "--vessa")
-            vessa = value;
+            vessa = std::filesystem::absolute(value).string();
         else if (name == "--plant")
             options.plant = value;
         else
@@ -156,5 +156,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: its options are in Main.cpp\n", argv[0]);
         return 2;
     }
-    return vessa_random::Run(vessa);
+    try {
+        return vessa_random::Run(vessa);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
+        return 2;
+    }
 }

@@ -74,7 +74,7 @@ class Worker : private Answerer {
     void DestroyedOwn(const Held& gone);
     void DestroyDead(Choices& choices);
     void StartDuel(Choices& choices);
-    void JoinDuel(Choices& choices);
+    void JoinDuel();
     void EndDuel(Duel* duel);
     void Query(Choices& choices);
     void QueryDead(Choices& choices);

@@ -61,14 +61,14 @@ std::string Worker::RandomKey(Choices& choices) {
 
 std::string Worker::RandomPath(Choices& choices) {
     const int slot = choices.Below(kFileSlots);
-    return PathOf(slot, choices.OneIn(8) ? 1 + choices.Below(kPlaces - 1) : 0);
+    return PathOf(slot, choices.OneIn(3) ? 1 + choices.Below(kPlaces - 1) : 0);
 }
 
 // Mostly the same for a key, so that it can be registered.
 std::string Worker::PathFor(const std::string& key, Choices& choices) {
     const std::string any = RandomPath(choices);
     if (choices.OneIn(6)) return any;
-    return PathOf(std::stoi(key.substr(prefix_.size() + 2)) % kFileSlots, 0);
+    return PathOf(std::stoi(key.substr(prefix_.size() + 2)) % kFileSlots, choices.OneIn(8) ? 1 : 0);
 }
 
 std::string Worker::PathOf(int slot, int place) const {
