@@ -16,7 +16,7 @@
 namespace vessa_random {
 namespace {
 
-constexpr long kPhasesBetweenStops = 6;
+constexpr long kPhasesBetweenStops = 4;
 
 // Several threads at once, each with its number; ends when all have ended.
 void RunThreads(int threads, const std::function<void(int)>& run) {
@@ -256,10 +256,21 @@ void Conductor::CompareStopped() {
 
 void Conductor::RunLife(long phase) {
     host_.RenewRuntime();
-    const bool may_fail = (phase / kPhasesBetweenStops) % 2 == 1;
-    host_.SetThreadFaults(may_fail ? 4 : 0);
-    RunThreads(TheOptions().threads, [&](int i) { LifeThread(host_, i, may_fail).Run(phase); });
+    for (const bool may_fail : {false, true}) {
+        host_.SetThreadFaults(may_fail ? 4 : 0);
+        RunThreads(TheOptions().threads,
+                   [&](int i) { LifeThread(host_, i, may_fail).Run(2 * phase + may_fail); });
+    }
     host_.SetThreadFaults(0);
+    // A start that failed last leaves what it registered to the next start and stop.
+    const int result = host_.library().Init();
+    if (result != VESSA_OK) Mismatch("a start after all others", "VESSA_OK", ResultName(result));
+    host_.library().Uninit();
+    // Each start has loaded and unloaded what is not delay-loaded.
+    for (const auto& worker : workers_) {
+        worker->model().Restart();
+        worker->model().Stop();
+    }
     CompareStopped();
     Modules::FreeDead();
 }

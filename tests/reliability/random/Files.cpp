@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "ModuleSide.h"
+#include "Random.h"
 #include "support/ListFile.h"
 
 namespace vessa_random {
@@ -25,13 +26,13 @@ void WriteWhole(const std::string& path, const std::string& text) {
     if (!file.flush()) throw std::runtime_error("cannot write " + path);
 }
 
-std::string Marked(const std::string& image, uint64_t serial, ModuleKind kind) {
+std::string Marked(const std::string& image, uint64_t serial, char kind) {
     std::string marked = image;
     const size_t at = marked.find(RANDOM_MARKER "0000000000000000:g");
     if (at == std::string::npos) throw std::runtime_error("the module has no marker");
     char text[64];
     std::snprintf(text, sizeof text, "%s%016llx:%c", RANDOM_MARKER,
-                  static_cast<unsigned long long>(serial), static_cast<char>(kind));
+                  static_cast<unsigned long long>(serial), kind);
     marked.replace(at, std::string(text).size(), text);
     return marked;
 }
@@ -87,7 +88,10 @@ ModuleFile Files::MakeModule(int owner, ModuleKind kind, const std::vector<std::
 void Files::PutModule(const std::string& path, const ModuleFile& file) {
     if (file.kind == ModuleKind::kGarbage) return PutText(path, "this is no module at all\n");
     const bool first_version = file.keys.empty() && file.serial % 2 == 0;
-    std::string image = Marked(Image(first_version), file.serial, file.kind);
+    const bool planted = TheOptions().plant == "module" && file.serial % 5 == 0;
+    const char kind =
+        planted && file.kind == ModuleKind::kGood ? 'm' : static_cast<char>(file.kind);
+    std::string image = Marked(Image(first_version), file.serial, kind);
     // In the middle of what is mapped; behind it is much that only a debugger reads.
     if (file.kind == ModuleKind::kCut) image.resize(0x2000);
     PutText(path, image);

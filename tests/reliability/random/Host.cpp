@@ -241,6 +241,11 @@ FOR_MODULES void RandomHost_Free(void* block) {
     TheModules().dead.push_back(block);
 }
 
+FOR_MODULES void RandomHost_WrongInstance(uint64_t serial, const char* operation) {
+    Mismatch(std::string(operation) + " in module " + std::to_string(serial), "a live instance",
+             "one that is dead or another module's");
+}
+
 FOR_MODULES int RandomHost_Keys(uint64_t serial, char (*keys)[256], int room) {
     const vessa_test::AllocationPause pause;
     const std::lock_guard<std::mutex> lock(TheModules().mutex);

@@ -1,10 +1,11 @@
 // The random run's program; Random.h says what it does.
 //
 //   vessa_random [--seed S] [--threads T] [--seconds N | --phases P] [--operations O] [--complete]
-//                [--vessa FILE] [--plant count]
+//                [--vessa FILE] [--plant rule | module]
 //
-// --vessa runs another build of the library. --plant count has the model told of one instance too
-// many: a run that does not find that does not look.
+// --vessa runs another build of the library. --plant rule has the model believe that a list file
+// which cannot be read counts as removed; --plant module has some modules not count their
+// instances. A run that does not find these does not look.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -45,7 +46,7 @@ bool ReadOptions(int argc, char** argv, Options& options, std::string& vessa) {
         else if (name == "--operations")
             options.operations = static_cast<int>(number);
         else if (name == "--vessa")
-            vessa = value;
+            vessa = std::filesystem::absolute(value).string();
         else if (name == "--plant")
             options.plant = value;
         else
@@ -155,5 +156,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s: its options are in Main.cpp\n", argv[0]);
         return 2;
     }
-    return vessa_random::Run(vessa);
+    try {
+        return vessa_random::Run(vessa);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
+        return 2;
+    }
 }

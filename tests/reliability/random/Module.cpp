@@ -29,12 +29,14 @@ decltype(&RandomHost_Call) call_host;
 decltype(&RandomHost_Allocate) allocate;
 decltype(&RandomHost_Free) release;
 decltype(&RandomHost_Keys) announced_keys;
+decltype(&RandomHost_WrongInstance) wrong_instance;
 
 __attribute__((constructor)) void Load() {
     Find("RandomHost_Call", call_host);
     Find("RandomHost_Allocate", allocate);
     Find("RandomHost_Free", release);
     Find("RandomHost_Keys", announced_keys);
+    Find("RandomHost_WrongInstance", wrong_instance);
     const size_t begin = sizeof RANDOM_MARKER - 1;
     char digits[RANDOM_MARKER_DIGITS + 1] = "";
     for (size_t i = 0; i < RANDOM_MARKER_DIGITS; ++i) digits[i] = marker[begin + i];
@@ -94,7 +96,7 @@ int Create(void** instance) {
     auto* const made = static_cast<RandomInstance*>(allocate(sizeof(RandomInstance)));
     if (made == nullptr) return -2;
     *made = RandomInstance{kRandomAlive, serial, {made, serial, Add}};
-    live.fetch_add(1);
+    if (kind != 'm') live.fetch_add(1);
     *instance = made;
     return 0;
 }
@@ -104,10 +106,10 @@ int Destroy(void* instance) {
     const RandomAction action = call_host(&call);
     if (action == kRandomIgnore) return 0;
     auto* const gone = static_cast<RandomInstance*>(instance);
-    if (gone->magic != kRandomAlive || gone->serial != serial) std::abort();
+    if (gone->magic != kRandomAlive || gone->serial != serial) wrong_instance(serial, "destroy");
     gone->magic = kRandomDead;
     release(gone);
-    live.fetch_sub(1);
+    if (kind != 'm') live.fetch_sub(1);
     if (action == kRandomThrow) Throw();
     return action == kRandomFail ? call.code : 0;
 }
@@ -126,7 +128,7 @@ int Query(void* instance, const char* ikey, void** iface) {
             break;
     }
     auto* const asked = static_cast<RandomInstance*>(instance);
-    if (asked->magic != kRandomAlive || asked->serial != serial) std::abort();
+    if (asked->magic != kRandomAlive || asked->serial != serial) wrong_instance(serial, "query");
     if (std::strcmp(ikey, kRandomIkey) != 0) return kRandomErrorIkey;
     *iface = &asked->interface;
     return 0;

@@ -10,7 +10,7 @@ extern "C" {
 
 // The program finds the marker in the built module and writes number (16 hexadecimal digits) and
 // kind into each copy. Kinds: g good, i Init fails, t Init throws, u Uninit fails, n the entry
-// gives null, s an operation is missing.
+// gives null, s an operation is missing, m does not count its instances (planted).
 #define RANDOM_MARKER "RANDOM-MODULE:"
 #define RANDOM_MARKER_DIGITS 16
 
@@ -67,6 +67,8 @@ void RandomHost_Gone(uint64_t serial, int64_t live);
 RandomAction RandomHost_Call(RandomCall* call);
 void* RandomHost_Allocate(uint64_t size);
 void RandomHost_Free(void* block);
+// An operation was called for an instance that is dead or not the module's; ends the program.
+void RandomHost_WrongInstance(uint64_t serial, const char* operation);
 int RandomHost_Keys(uint64_t serial, char (*keys)[256], int room);
 }
 

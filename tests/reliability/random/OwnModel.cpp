@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Counters.h"
+#include "Random.h"
 
 namespace vessa_random {
 namespace {
@@ -52,7 +53,8 @@ void OwnModel::CollectList(const std::string& path, LoadFault fault, Changes& ch
     const auto stored = stored_.find(path);
     const bool known = stored != stored_.end();
     const auto disk = disk_lists_.find(path);
-    if (disk == disk_lists_.end()) {
+    const bool planted = TheOptions().plant == "rule" && disk != disk_lists_.end();
+    if (disk == disk_lists_.end() || (planted && !disk->second.readable)) {
         if (!known) return;
         changes.go.insert(changes.go.end(), stored->second.begin(), stored->second.end());
         stored_.erase(stored);

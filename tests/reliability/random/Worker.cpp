@@ -77,12 +77,11 @@ const std::vector<Worker::Weighted>& Worker::Operations() {
         {220, &Worker::CreateOwn, true},    {180, &Worker::CreateShared, true},
         {10, &Worker::CreateUnknown, true}, {330, &Worker::Destroy, true},
         {20, &Worker::DestroyDead, true},   {15, &Worker::StartDuel, false},
-        {15, &Worker::JoinDuel, false},     {200, &Worker::Query, true},
-        {20, &Worker::QueryDead, true},     {60, &Worker::Attribute, true},
-        {12, &Worker::AllKeys, true},       {20, &Worker::Init, true},
-        {24, &Worker::Uninit, true},        {25, &Worker::BadArgument, true},
-        {8, &Worker::OwnRound, false},      {2, &Worker::SharedRound, false},
-        {1, &Worker::MemoryRound, false},
+        {200, &Worker::Query, true},        {20, &Worker::QueryDead, true},
+        {60, &Worker::Attribute, true},     {12, &Worker::AllKeys, true},
+        {20, &Worker::Init, true},          {24, &Worker::Uninit, true},
+        {25, &Worker::BadArgument, true},   {6, &Worker::OwnRound, false},
+        {2, &Worker::SharedRound, false},   {1, &Worker::MemoryRound, false},
     };
     return operations;
 }
@@ -96,6 +95,7 @@ void Worker::RunPhase(long phase) {
                         static_cast<uint64_t>(operation_));
         ++operation_;
         choices_ = &choices;
+        if (shared_.ring().load(std::memory_order_relaxed) != nullptr) JoinDuel();
         Perform(choices, false);
     }
     choices_ = nullptr;
@@ -401,10 +401,13 @@ void Worker::StartDuel(Choices& choices) {
     held_.erase(held_.begin() + static_cast<std::ptrdiff_t>(at));
     dead_.push_back(duel->instance);
     duels_.push_back(std::move(duel));
+    // Until the other one is there, if it comes at once.
+    for (int i = 0; i < 20000 && shared_.ring().load() != nullptr; ++i)
+        std::atomic_thread_fence(std::memory_order_seq_cst);
     EndDuel(duels_.back().get());
 }
 
-void Worker::JoinDuel(Choices& /*choices*/) {
+void Worker::JoinDuel() {
     if (Duel* const duel = shared_.ring().exchange(nullptr)) EndDuel(duel);
 }
 

@@ -74,7 +74,7 @@ class Worker : private Answerer {
     void DestroyedOwn(const Held& gone);
     void DestroyDead(Choices& choices);
     void StartDuel(Choices& choices);
-    void JoinDuel(Choices& choices);
+    void JoinDuel();
     void EndDuel(Duel* duel);
     void Query(Choices& choices);
     void QueryDead(Choices& choices);
@@ -96,6 +96,8 @@ class Worker : private Answerer {
     std::string Name(const std::string& key, int generation) const;
     std::string RandomKey(Choices& choices);
     std::string RandomPath(Choices& choices);
+    std::string PathFor(const std::string& key, Choices& choices);
+    std::string PathOf(int slot, int place) const;
     bool MayBeLeftForGood();
     void Retire(const std::string& key);
     bool IsOwn(const std::string& key) const;

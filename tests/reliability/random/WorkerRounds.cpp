@@ -36,6 +36,10 @@ Worker::Worker(Host& host, Shared& shared, int number)
     const std::string path = host_.files().Path(prefix_ + "/om/" + prefix_ + "_o" MODULE_SUFFIX);
     host_.files().PutModule(path, file);
     model_.PutModule(path, file);
+    Choices choices(TheOptions().seed, static_cast<uint64_t>(number_), ~2ULL);
+    for (int slot = 0; slot < kFileSlots; ++slot)
+        PutModule(PathOf(slot, 0), ModuleKind::kGood, choices);
+    for (int i = 0; i < kLists; ++i) EditList(choices);
 }
 
 bool Worker::IsOwn(const std::string& key) const {
@@ -57,7 +61,17 @@ std::string Worker::RandomKey(Choices& choices) {
 
 std::string Worker::RandomPath(Choices& choices) {
     const int slot = choices.Below(kFileSlots);
-    const int place = choices.Below(kPlaces);
+    return PathOf(slot, choices.OneIn(3) ? 1 + choices.Below(kPlaces - 1) : 0);
+}
+
+// Mostly the same for a key, so that it can be registered.
+std::string Worker::PathFor(const std::string& key, Choices& choices) {
+    const std::string any = RandomPath(choices);
+    if (choices.OneIn(6)) return any;
+    return PathOf(std::stoi(key.substr(prefix_.size() + 2)) % kFileSlots, choices.OneIn(8) ? 1 : 0);
+}
+
+std::string Worker::PathOf(int slot, int place) const {
     return host_.files().Path(
         prefix_ + "/m" + std::to_string(place) + "/" + prefix_ + "_f" + std::to_string(slot) + "_" +
         std::to_string(file_generations_[static_cast<size_t>(slot)]) + MODULE_SUFFIX);
@@ -122,7 +136,7 @@ void Worker::EditList(Choices& choices) {
         item.key = RandomKey(choices);
         // The keys of memory have a list of their own.
         if (item.key[prefix_.size() + 1] == 'o') item.key = Name("k0", key_generations_[0]);
-        item.path = RandomPath(choices);
+        item.path = PathFor(item.key, choices);
         item.list = path;
         item.note = std::string(static_cast<size_t>(choices.Below(16)),
                                 static_cast<char>('a' + choices.Below(26)));
