@@ -155,25 +155,21 @@ TEST_F(OvertakenInstance, OfAConflictThatIsNoneAnyMoreIsEntered) {
 }
 
 // The record outlives its burial because somebody looks at it, and the registry goes first.
-TEST(PluginGraveyard, DeletesWhatIsStillLookedAtAtItsOwnEnd) {
-    const RuntimeCensus before = Runtime::Census();
-    TempDir dir;
-    {
-        std::optional<PluginGraveyard> graveyard(std::in_place);
-        auto* const record = new PluginRecord(
-            "k", Install(dir, "good_v2", "a" MODULE_SUFFIX), "a" MODULE_SUFFIX, true);
-        void* instance = nullptr;
-        int error = 0;
-        ASSERT_EQ(record->CreateInstance("k", instance, error), VESSA_OK);
-        ASSERT_EQ(record->DestroyInstance(instance, error), VESSA_OK);
-        ASSERT_EQ(record->UnloadPlugin(), VESSA_OK);
-        record->Pin();
-        graveyard->Bury(record);
-        graveyard->Sweep();
-        EXPECT_EQ(record->fkey(), "k");
-        graveyard.reset();
-    }
-    EXPECT_EQ(Runtime::Census(), before);
+TEST_F(OvertakenRecord, IsDeletedAtTheEndOfItsGraveyardThoughItIsStillLookedAt) {
+    std::optional<PluginGraveyard> graveyard(std::in_place);
+    auto* const record =
+        new PluginRecord("k", Module("good_v2", "a" MODULE_SUFFIX), "a" MODULE_SUFFIX, true);
+    void* instance = nullptr;
+    int error = 0;
+    ASSERT_EQ(record->CreateInstance("k", instance, error), VESSA_OK);
+    ASSERT_EQ(record->DestroyInstance(instance, error), VESSA_OK);
+    ASSERT_EQ(record->UnloadPlugin(), VESSA_OK);
+    record->Pin();
+    graveyard->Bury(record);
+    graveyard->Sweep();
+    EXPECT_EQ(record->fkey(), "k");
+    // The census at the test's end misses its locks otherwise.
+    graveyard.reset();
 }
 
 }  // namespace

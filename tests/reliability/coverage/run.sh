@@ -21,7 +21,7 @@ trap 'rm -rf "$work"' EXIT
 
 # figures <root> <folder of the objects> <file>: what gcovr makes of the counts.
 figures() {
-    gcovr -j "$(nproc)" -r "$1" --object-directory "$2" -f "$(realpath "$1")/src/" -f "$(realpath "$1")/platform/" \
+    gcovr -j "$(nproc)" --gcov-executable "$PWD/$here/gcov.sh" -r "$1" --object-directory "$2" -f "$(realpath "$1")/src/" -f "$(realpath "$1")/platform/" \
         --exclude-throw-branches --exclude-unreachable-branches --json "$3" "$2"
 }
 
@@ -70,7 +70,7 @@ whole_suite() {
     find build-coverage -name '*.gcda' -delete
     # The counting code in the libraries reads the environment, which this test forbids them.
     ctest --test-dir build-coverage -LE reliability -E '^LibraryFile\.ReadsNoEnvironment$' \
-        -j "$(($(nproc) * 2))" --timeout 600 --output-on-failure >build-coverage/suite.log 2>&1 ||
+        -j "$(nproc)" --timeout 600 --output-on-failure >build-coverage/suite.log 2>&1 ||
         { tail -n 50 build-coverage/suite.log >&2; return 1; }
     figures . build-coverage build-coverage/figures.json
     "$here/coverage.py" . build-coverage/figures.json "$here/exclusions.txt"
