@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -24,7 +25,11 @@ void SayBegin() {
     (void)ignored;
 }
 
-#if defined(ACT_CALLS_BACK) || defined(ACT_STARTS_THREADS)
+#if defined(ACT_CALLS_BACK) || defined(ACT_STARTS_THREADS) || defined(ACT_KEEPS_THREAD) || \
+    defined(ACT_JOINS_USER)
+#  define USES_EXPORTS
+#endif
+#if defined(USES_EXPORTS)
 
 // The exports, found in the program's library as a module finds them that is not linked with it.
 template <class Function>
@@ -42,7 +47,7 @@ void Must(bool condition) {
 }
 
 // In a stop the good module may be gone already, and the library cannot be started.
-void UseGood() {
+[[maybe_unused]] void UseGood() {
     void* instance = nullptr;
     void* found = nullptr;
     const int result = EXPORT(VESSA_CreateInstance)("good", &instance, nullptr);
@@ -52,7 +57,7 @@ void UseGood() {
     Must(EXPORT(VESSA_DestroyInstance)(instance, nullptr) == VESSA_OK);
 }
 
-void ReadLists() {
+[[maybe_unused]] void ReadLists() {
     char value[256];
     unsigned int length = sizeof value;
     char** fkeys = nullptr;
@@ -149,6 +154,53 @@ void Act() {
     pthread_t thread;
     if (pthread_create(&thread, nullptr, idle, nullptr) != 0) std::abort();
 }
+#elif defined(ACT_KEEPS_THREAD) || defined(ACT_JOINS_USER)
+// A thread from Init to Uninit: one that reads the lists, or one that has an instance of another
+// plug-in until it is asked to end.
+class Worker {
+  public:
+    void Start() {
+        thread_ = std::thread([this] { Work(); });
+        while (!is_there_) sched_yield();
+    }
+    void End() {
+        is_to_end_ = true;
+        thread_.join();
+    }
+
+  private:
+    void Work() {
+#  if defined(ACT_KEEPS_THREAD)
+        do {
+            ReadLists();
+            is_there_ = true;
+            sched_yield();
+        } while (!is_to_end_);
+#  else
+        void* instance = nullptr;
+        Must(EXPORT(VESSA_CreateInstance)("good", &instance, nullptr) == VESSA_OK);
+        is_there_ = true;
+        while (!is_to_end_) sched_yield();
+        SayBegin();
+        EXPORT(VESSA_DestroyInstance)(instance, nullptr);
+#  endif
+    }
+
+    std::thread thread_;
+    std::atomic<bool> is_there_{false};
+    std::atomic<bool> is_to_end_{false};
+};
+Worker* worker = nullptr;
+
+void ActOf(const char* operation) {
+    if (std::strcmp(operation, "Init") == 0) {
+        worker = new Worker;
+        worker->Start();
+    } else if (std::strcmp(operation, "Uninit") == 0) {
+        worker->End();
+        delete worker;
+    }
+}
 #else
 #  error "no act"
 #endif
@@ -156,8 +208,12 @@ void Act() {
 }  // namespace
 
 void TestModule_Throw(const char* operation) {
+#if defined(ACT_KEEPS_THREAD) || defined(ACT_JOINS_USER)
+    ActOf(operation);
+#else
     const char* const chosen = std::getenv("HOSTILE_OPERATION");
     if (chosen != nullptr && std::strcmp(chosen, operation) == 0) Act();
+#endif
 }
 
 // Used by some acts alone.

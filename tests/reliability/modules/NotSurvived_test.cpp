@@ -57,6 +57,8 @@ std::vector<Case> AllCases() {
     cases.push_back({"hostile/closes_itself", "Init", End::kIsKilled, "Unloading itself"});
     cases.push_back(
         {"hostile/leaves_thread", "Init", End::kIsKilled, "A thread that outlives the module"});
+    // tarnet.h, law 4: the stop has unregistered the other plug-in before.
+    cases.push_back({"hostile/joins_user", "", End::kHangs, "Waiting in `Uninit` for a thread"});
     cases.push_back({"hostile/constructor_throws", "", End::kIsKilled,
                      "A global object whose constructor throws"});
     cases.push_back({"hostile/destructor_throws", "", End::kIsKilled,

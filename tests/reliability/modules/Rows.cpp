@@ -192,6 +192,8 @@ void AddActs(Rows& rows) {
             rows.back().keys = {{"a", 0}};
         }
     }
+    // One that calls the library all the time, from Init to Uninit.
+    rows.push_back(Of("hostile/keeps_thread"));
 }
 
 }  // namespace
