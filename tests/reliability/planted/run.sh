@@ -8,6 +8,18 @@ source tests/reliability/build.sh
 
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
+# A replacement whose text is not in the source any more must fail the build, not pass unplanted.
+cat >"$log" <<'END'
+preset: asan
+<<<<
+no such text
+====
+>>>>
+END
+! cmake -DBUG="$log" -DSOURCE="$PWD/src/common/Sync.cpp" -DPLANTED="$log.cpp" \
+    -P tests/reliability/planted/Plant.cmake >/dev/null 2>&1 && [ ! -e "$log.cpp" ] ||
+    { echo "   planted: a stale replacement is taken"; exit 1; }
+
 found=0 total=0 latest=0 missed=()
 
 # look <build> <bug> <seeds>: the first seed that finds it, in $seed; empty if none does.

@@ -1,17 +1,16 @@
 // The runtime's functions and the sync points, as the library under test finds them: each keeps the
 // schedule informed and goes on to the real one.
 #include <dlfcn.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-
-#include <pthread.h>
-#include <sched.h>
-#include <unistd.h>
 
 #include "reliability/seeds/RawCall.h"
 #include "reliability/seeds/Scheduler.h"
@@ -31,10 +30,12 @@ Function* Next(Function*, const char* name) {
     std::fprintf(stderr, "seeds: no %s\n", name);
     std::abort();
 }
-#define REAL(function) \
-    ([] { static decltype(&function) real; \
-          if (real == nullptr) real = Next(static_cast<decltype(&function)>(nullptr), #function); \
-          return real; }())
+#define REAL(function)                                                                    \
+  ([] {                                                                                   \
+  static decltype(&function) real;                                                        \
+  if (real == nullptr) real = Next(static_cast<decltype(&function)>(nullptr), #function); \
+  return real;                                                                            \
+  }())
 
 std::atomic<long> mutexes{0}, semaphores{0}, live_threads{0}, modules{0}, folders{0};
 
@@ -143,8 +144,7 @@ int TOVA_MutexLock(tova_mutex_t* mutex) {
 }
 
 int TOVA_MutexUnlock(tova_mutex_t* mutex) {
-    if (!IsManaged() || mutex == nullptr || *mutex == nullptr)
-        return REAL(TOVA_MutexUnlock)(mutex);
+    if (!IsManaged() || mutex == nullptr || *mutex == nullptr) return REAL(TOVA_MutexUnlock)(mutex);
     // Known before: whoever gets the mutex may destroy it.
     const void* const block = *mutex;
     const int result = REAL(TOVA_MutexUnlock)(mutex);

@@ -3,9 +3,9 @@
 //   mapped -> Init -> operations, in any number -> Uninit -> unmapped
 //
 // No Init of an initialised module; no operation outside of Init and Uninit; no Uninit with a live
-// instance or while an operation is inside; no destroy and no query of what is not live. Each breach
-// fails the run. It is kept by the threads of a schedule, one of which runs at a time, without
-// sanitizers: the thread sanitizer sees no order in it.
+// instance or while an operation is inside; no destroy and no query of what is not live. Each
+// breach fails the run. It is kept by the threads of a schedule, one of which runs at a time,
+// without sanitizers: the thread sanitizer sees no order in it.
 #ifndef VESSA_TESTS_RELIABILITY_SEEDS_LEDGER_H
 #define VESSA_TESTS_RELIABILITY_SEEDS_LEDGER_H
 

@@ -11,8 +11,8 @@ namespace {
 using schedule::Fail;
 using schedule::Point;
 
-// Written by Init and Uninit and read by every operation, without a lock: the thread sanitizer tells
-// if the library does not keep them in order.
+// Written by Init and Uninit and read by every operation, without a lock: the thread sanitizer
+// tells if the library does not keep them in order.
 int generation[kModules];
 
 // What the module that uses others keeps from its Init to its Uninit.
@@ -20,8 +20,7 @@ void* kept = nullptr;
 
 bool Throw(uint32_t times) {
     Application* const application = ThisApplication();
-    return application != nullptr && !shared->modules_behave &&
-           application->random().OneIn(times);
+    return application != nullptr && !shared->modules_behave && application->random().OneIn(times);
 }
 
 void* CreateNested(Key key) {
@@ -142,8 +141,9 @@ bool Operate(Module module, const char* operation, void* a, void* b, int& result
 }  // namespace seeds
 
 extern "C" __attribute__((visibility("default"))) int TestModule_Hook(const char* name,
-                                                                      const char* operation, void* a,
-                                                                      void* b, int* result) {
+                                                                      const char* operation,
+                                                                      void* a, void* b,
+                                                                      int* result) {
     using namespace seeds;
     const Module module = ledger::FindModule(name);
     if (module == kModules) schedule::Fail("there is a module '%s'", name);

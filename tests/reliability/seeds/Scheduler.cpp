@@ -31,7 +31,7 @@ enum State { kReady, kForMutex, kForPost, kForEnd, kEnded };
 
 struct Thread {
     State state = kReady;
-    char at[48] = "start";  // the name itself may go away with the library
+    char at[48] = "start";            // the name itself may go away with the library
     const void* waits_for = nullptr;  // the mutex or the semaphore
     int joins = -1;
     unsigned milliseconds = 0;
@@ -40,7 +40,7 @@ struct Thread {
     bool timed_out = false;
     int64_t priority = 0;
     uint64_t held_until = 0;  // the step up to which everybody else is before it
-    uint32_t turn = 0;  // what the thread sleeps on
+    uint32_t turn = 0;        // what the thread sleeps on
 };
 
 struct Held {
@@ -111,7 +111,8 @@ void Mix(uint64_t value) {
 
 uint64_t HashOf(const char* text) {
     uint64_t hash = 0xCBF29CE484222325u;
-    for (; *text != '\0'; ++text) hash = (hash ^ static_cast<unsigned char>(*text)) * 0x100000001B3u;
+    for (; *text != '\0'; ++text)
+        hash = (hash ^ static_cast<unsigned char>(*text)) * 0x100000001B3u;
     return hash ^ (hash >> 29);
 }
 
@@ -145,9 +146,9 @@ int Choose() {
         if (!CanRun(threads[i])) continue;
         ++able;
         // Without priorities each of those that can run has the same chance.
-        const bool better = best < 0 || (run.by_priority
-                                             ? PriorityOf(threads[i]) > PriorityOf(threads[best])
-                                             : run.random.Below(static_cast<uint32_t>(able)) == 0);
+        const bool better =
+            best < 0 || (run.by_priority ? PriorityOf(threads[i]) > PriorityOf(threads[best])
+                                         : run.random.Below(static_cast<uint32_t>(able)) == 0);
         if (better) best = i;
     }
     if (best < 0) return PassTime();

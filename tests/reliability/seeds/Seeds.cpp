@@ -6,12 +6,13 @@
 //   --twice                            each seed twice: the schedules must be the same
 //   --log                              with everything that the library logs
 //
-// A seed has eight rounds, each with a schedule of its own: the library is loaded; four threads make random creates, destroys, queries, questions for
-// keys and attributes, starts and stops, and hand instances to each other; one switches list files;
-// the scanning thread scans after a seeded number of steps. Every result must be one of those that
-// are allowed (Application.cpp), and what the modules see must be in order (Ledger.h). At the end a
-// scan must bring the registry to what the lists say, and after the stop nothing may be left: no
-// module and no library mapped, no mutex, semaphore, thread or folder, no live instance.
+// A seed has eight rounds, each with a schedule of its own. A round: the library is loaded; four
+// threads make random creates, destroys, queries, questions for keys and attributes, starts and
+// stops, and hand instances to each other; one switches list files; the scanning thread scans after
+// a seeded number of steps. Every result must be one of those that are allowed (Application.cpp),
+// and what the modules see must be in order (Ledger.h). At the end a scan must bring the registry
+// to what the lists say, and after the stop nothing may be left: no module and no library mapped,
+// no mutex, semaphore, thread or folder, no live instance.
 //
 // The runs are in a child process. Its end by a signal, by a sanitizer's report, by a failed check,
 // or by the watchdog is the seed's failure, which names it. Schedule.h says what a seed decides.
@@ -170,14 +171,13 @@ schedule::Summary RunSeed(World& world, uint64_t seed) {
 
 void PrintFigures(const Options& options, const schedule::Summary& all, int most_threads) {
     const ledger::Totals totals = ledger::Count();
-    std::printf("seeds: %llu seeds: %llu steps, %llu switches, %llu scans, up to %d threads; "
-                "modules: %lu inits, %lu creates, %lu unloads%s\n",
-                static_cast<unsigned long long>(options.count),
-                static_cast<unsigned long long>(all.steps),
-                static_cast<unsigned long long>(all.switches),
-                static_cast<unsigned long long>(all.scans), most_threads, totals.inits,
-                totals.creates, totals.unloads,
-                options.twice ? "; every schedule the same again" : "");
+    std::printf(
+        "seeds: %llu seeds: %llu steps, %llu switches, %llu scans, up to %d threads; "
+        "modules: %lu inits, %lu creates, %lu unloads%s\n",
+        static_cast<unsigned long long>(options.count), static_cast<unsigned long long>(all.steps),
+        static_cast<unsigned long long>(all.switches), static_cast<unsigned long long>(all.scans),
+        most_threads, totals.inits, totals.creates, totals.unloads,
+        options.twice ? "; every schedule the same again" : "");
 }
 
 int RunAll(const Options& options, World& world) {
@@ -232,13 +232,13 @@ int Report(int status, const Options& options, const schedule::Shown& shown) {
                       strsignal(WTERMSIG(status)));
     else if (status != -1)
         std::snprintf(how, sizeof how, "exit status %d", WEXITSTATUS(status));
-    std::fprintf(stderr, "seeds: seed %llu failed in round %llu at step %llu: %s\n"
-                 "   replay: %s run %llu --library %s\n",
-                 static_cast<unsigned long long>(shown.seed),
-                 static_cast<unsigned long long>(shown.round),
-                 static_cast<unsigned long long>(shown.steps), how,
-                 vessa_test::OwnProgram().c_str(), static_cast<unsigned long long>(shown.seed),
-                 options.library.c_str());
+    std::fprintf(
+        stderr,
+        "seeds: seed %llu failed in round %llu at step %llu: %s\n"
+        "   replay: %s run %llu --library %s\n",
+        static_cast<unsigned long long>(shown.seed), static_cast<unsigned long long>(shown.round),
+        static_cast<unsigned long long>(shown.steps), how, vessa_test::OwnProgram().c_str(),
+        static_cast<unsigned long long>(shown.seed), options.library.c_str());
     return 1;
 }
 
@@ -277,8 +277,9 @@ bool Parse(int count, char** arguments, Options& options) {
 int Main(int count, char** arguments) {
     Options options;
     if (!Parse(count, arguments, options)) {
-        std::fprintf(stderr, "vessa_seeds run <seed> | range <first> <count> "
-                             "[--library <file>] [--twice] [--log]\n");
+        std::fprintf(stderr,
+                     "vessa_seeds run <seed> | range <first> <count> "
+                     "[--library <file>] [--twice] [--log]\n");
         return 2;
     }
     void* const page = mmap(nullptr, sizeof(schedule::Shown), PROT_READ | PROT_WRITE,

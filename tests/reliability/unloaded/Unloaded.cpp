@@ -84,8 +84,9 @@ bool IsAmong(const Mapped& one, const MappedList& all) {
 
 void Block(const Mapped& gone) {
     void* const begin = reinterpret_cast<void*>(gone.begin);
-    void* const there = mmap(begin, gone.end - gone.begin, PROT_NONE,
-                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
+    void* const there =
+        mmap(begin, gone.end - gone.begin, PROT_NONE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
     if (there != begin) {
         // Another thread's memory, which nobody may touch.
         if (there != MAP_FAILED) munmap(there, gone.end - gone.begin);
@@ -114,10 +115,9 @@ void Faulted(int signal_number, siginfo_t* info, void*) {
     if (const Range* const range = FindBlocked(address)) {
         counts->faults.fetch_add(1);
         char text[160];
-        const int length = std::snprintf(text, sizeof text,
-                                         "unloaded: %s is used after its unload, at offset %lx\n",
-                                         range->name,
-                                         static_cast<unsigned long>(address - range->begin));
+        const int length = std::snprintf(
+            text, sizeof text, "unloaded: %s is used after its unload, at offset %lx\n",
+            range->name, static_cast<unsigned long>(address - range->begin));
         const ssize_t written = write(STDERR_FILENO, text, static_cast<size_t>(length));
         static_cast<void>(written);
     }
@@ -129,8 +129,7 @@ void OpenCounts() {
     if (path == nullptr) return;
     const int file = open(path, O_RDWR | O_CLOEXEC);
     if (file < 0) return;
-    void* const page =
-        mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    void* const page = mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     close(file);
     if (page != MAP_FAILED) counts = static_cast<Counts*>(page);
 }

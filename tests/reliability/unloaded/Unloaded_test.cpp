@@ -13,10 +13,10 @@ ChildResult RunProbe(const std::string& use, bool is_closed) {
     TempDir world;
     ChildOptions options;
     options.program = UNLOADED_PROBE;
-    options.arguments = {Install(world, "good_v2", "first.so"), Install(world, "good_v2", "next.so"),
-                         use};
-    options.environment["LD_PRELOAD"] = is_closed ? std::optional<std::string>(UNLOADED_LIBRARY)
-                                                  : std::nullopt;
+    options.arguments = {Install(world, "good_v2", "first.so"),
+                         Install(world, "good_v2", "next.so"), use};
+    options.environment["LD_PRELOAD"] =
+        is_closed ? std::optional<std::string>(UNLOADED_LIBRARY) : std::nullopt;
     return RunChild(options);
 }
 

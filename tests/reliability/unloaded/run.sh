@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The test programs that load modules, and the seeded schedules, with every unloaded module's address
-# range closed (Unloaded.cpp says how): nothing may be used after its unload. --full: every test of
-# the plain build, each in a process of its own.
+# The test programs that load modules, and the seeded schedules, with the address range of every
+# unloaded module closed (Unloaded.cpp says how): nothing may be used after its unload. --full: every
+# test of the plain build, each in a process of its own.
 set -euo pipefail
 cd "$(dirname "$0")/../../.."
 source tests/reliability/build.sh
