@@ -27,7 +27,7 @@ void ExpectFound(const ChildResult& result, const std::string& what) {
 }
 
 ChildResult RunPlanted(const std::string& name) {
-    return RunRandom({"--vessa", RANDOM_PLANTED "/" + name + "/libvessa.so.2", "--phases", "12"});
+    return RunRandom({"--vessa", RANDOM_PLANTED "/" + name + "/libvessa.so.2", "--phases", "40"});
 }
 
 TEST(RandomRun, OfASoundLibraryHasNoMismatch) {
