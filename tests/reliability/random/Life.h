@@ -15,7 +15,7 @@ namespace vessa_random {
 class LifeThread : private Answerer {
   public:
     LifeThread(Host& host, int number, bool may_fail)
-        : host_(host), library_(host.library()), number_(number), may_fail_(may_fail) {}
+        : library_(host.library()), number_(number), may_fail_(may_fail) {}
 
     // Leaves no user and no instance behind.
     void Run(long phase);
@@ -27,7 +27,6 @@ class LifeThread : private Answerer {
     void Create(bool stop_inside);
     void Destroy();
 
-    Host& host_;
     vessa_test::LoadedLibrary& library_;
     const int number_;
     const bool may_fail_;  // a start may get no thread

@@ -61,10 +61,10 @@ struct Options {
     uint64_t seed = 1;
     int threads = 8;
     long seconds = 10;
-    long phases = 0;        // 0: as many as fit into the seconds
-    int operations = 1500;  // of each thread in a phase
-    bool complete = false;  // each kind must have occurred
-    std::string plant;      // what the program is to do wrong: see Main.cpp
+    long phases = 0;         // 0: as many as fit into the seconds
+    int operations = 12000;  // of each thread in a phase
+    bool complete = false;   // each kind must have occurred
+    std::string plant;       // what the program is to do wrong: see Main.cpp
 };
 
 // One for the program.

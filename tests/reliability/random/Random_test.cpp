@@ -13,7 +13,7 @@ namespace {
 ChildResult RunRandom(std::vector<std::string> more) {
     ChildOptions options;
     options.program = RANDOM_PROGRAM;
-    options.arguments = {"--operations", "500"};
+    options.arguments = {"--operations", "4000"};
     options.arguments.insert(options.arguments.end(), more.begin(), more.end());
     options.watchdog = std::chrono::seconds(110);
     return RunChild(options);
@@ -27,7 +27,7 @@ void ExpectFound(const ChildResult& result, const std::string& what) {
 }
 
 ChildResult RunPlanted(const std::string& name) {
-    return RunRandom({"--vessa", RANDOM_PLANTED "/" + name + "/libvessa.so.2", "--phases", "12"});
+    return RunRandom({"--vessa", RANDOM_PLANTED "/" + name + "/libvessa.so.2", "--phases", "40"});
 }
 
 TEST(RandomRun, OfASoundLibraryHasNoMismatch) {

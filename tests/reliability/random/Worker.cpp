@@ -12,6 +12,7 @@ namespace vessa_random {
 namespace {
 
 constexpr int kDeepest = 3;
+constexpr size_t kMostHeld = 40;
 constexpr int kModuleCodes = 90;  // 10 and up
 
 char a_byte = 0;
@@ -73,15 +74,16 @@ int CodeOf(RandomAction action, int code) {
 }  // namespace
 
 const std::vector<Worker::Weighted>& Worker::Operations() {
+    // A round takes a tick of the file system's clock, in which the others have thousands of calls.
     static const std::vector<Weighted> operations = {
-        {220, &Worker::CreateOwn, true},    {180, &Worker::CreateShared, true},
-        {10, &Worker::CreateUnknown, true}, {330, &Worker::Destroy, true},
-        {20, &Worker::DestroyDead, true},   {15, &Worker::StartDuel, false},
-        {200, &Worker::Query, true},        {20, &Worker::QueryDead, true},
-        {60, &Worker::Attribute, true},     {12, &Worker::AllKeys, true},
-        {20, &Worker::Init, true},          {24, &Worker::Uninit, true},
-        {25, &Worker::BadArgument, true},   {6, &Worker::OwnRound, false},
-        {2, &Worker::SharedRound, false},   {1, &Worker::MemoryRound, false},
+        {2200, &Worker::CreateOwn, true},    {1800, &Worker::CreateShared, true},
+        {100, &Worker::CreateUnknown, true}, {2600, &Worker::Destroy, true},
+        {200, &Worker::DestroyDead, true},   {150, &Worker::StartDuel, false},
+        {2000, &Worker::Query, true},        {200, &Worker::QueryDead, true},
+        {600, &Worker::Attribute, true},     {120, &Worker::AllKeys, true},
+        {200, &Worker::Init, true},          {240, &Worker::Uninit, true},
+        {250, &Worker::BadArgument, true},   {10, &Worker::OwnRound, false},
+        {3, &Worker::SharedRound, false},    {1, &Worker::MemoryRound, false},
     };
     return operations;
 }
@@ -173,6 +175,7 @@ int Worker::CallCreate(const std::string& key, const Plan& plan, LoadFault fault
 }
 
 void Worker::CreateOwn(Choices& choices) {
+    if (held_.size() > kMostHeld) return Destroy(choices);
     CreateOwnKey(choices, RandomKey(choices), false);
 }
 
@@ -262,6 +265,7 @@ void Worker::CheckCreated(const std::string& key, const Plan& plan, int reached,
 }
 
 void Worker::CreateShared(Choices& choices) {
+    if (held_.size() > kMostHeld) return Destroy(choices);
     Count(kCreateShared);
     const int key = choices.Below(Shared::kKeys);
     Plan plan = MakePlan(choices);
@@ -307,7 +311,13 @@ void Worker::CreateUnknown(Choices& choices) {
 
 void Worker::Destroy(Choices& choices) {
     const size_t chosen = choices.Next();
-    if (!held_.empty()) DestroyHeld(choices, chosen % held_.size(), false);
+    const bool of_unregistered = choices.OneIn(3);
+    if (held_.empty()) return;
+    size_t at = chosen % held_.size();
+    for (size_t i = 0; of_unregistered && i < held_.size(); ++i) {
+        if (held_[i].shared < 0 && model_.Find(held_[i].key)->unregistered) at = i;
+    }
+    DestroyHeld(choices, at, false);
 }
 
 void Worker::DestroyHeld(Choices& choices, size_t at, bool plain) {

@@ -67,8 +67,8 @@ std::string Worker::RandomPath(Choices& choices) {
 // Mostly the same for a key, so that it can be registered.
 std::string Worker::PathFor(const std::string& key, Choices& choices) {
     const std::string any = RandomPath(choices);
-    if (choices.OneIn(6)) return any;
-    return PathOf(std::stoi(key.substr(prefix_.size() + 2)) % kFileSlots, choices.OneIn(8) ? 1 : 0);
+    if (choices.OneIn(30)) return any;
+    return PathOf(std::stoi(key.substr(prefix_.size() + 2)) % kFileSlots, choices.OneIn(16) ? 1 : 0);
 }
 
 std::string Worker::PathOf(int slot, int place) const {
