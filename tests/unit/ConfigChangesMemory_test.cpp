@@ -83,6 +83,10 @@ class World {
     World& operator=(const World&) = delete;
 
     void Write(const ListFile& list) { dir_.Write("list.xml", list.Text()); }
+    // The same of a second file.
+    void ReportOther(int32_t type, const ListFile& list) {
+        coordinator_.ConfigFileChanged(monitor_, {{dir_.Write("other.xml", list.Text()), type}});
+    }
     void Report(int32_t type) { coordinator_.ConfigFileChanged(monitor_, {{list_, type}}); }
 
     // The same with the nth allocation of the stretch failing; false if there were not so many.
@@ -279,6 +283,26 @@ TEST(ConfigChangesMemory, WhatCouldNotBeEnteredIsEnteredWithTheNextChangeUnlessI
         EXPECT_EQ(world.Configured(), (Strings{"p", "y"}));
         world.ExpectDeclared({"p", "y"}, nth);
         world.ExpectHealed({"p", "y"}, nth);
+        return failed;
+    });
+    EXPECT_GT(rounds_with_left_overs, 0);
+}
+
+// A key that goes from one file is not forgotten for another file that declares it too.
+TEST(ConfigChangesMemory, WhatAnotherFileStopsDeclaringIsEnteredAllTheSame) {
+    int rounds_with_left_overs = 0;
+    ForEachAllocation([&](World& world, long nth) {
+        const ListFile other =
+            ListFile().Plugin("x", "./one" MODULE_SUFFIX, {{"delayload", "true"}});
+        world.ReportOther(ConfigMonitor::kAdded, other);
+        world.Write(First());
+        const bool failed = world.ReportFailing(ConfigMonitor::kAdded, nth, kAfterTheText);
+        if (world.LeftOver() != 0) {
+            ++rounds_with_left_overs;
+            world.ReportOther(ConfigMonitor::kChanged, ListFile());
+            EXPECT_EQ(world.LeftOver(), 0u);
+            world.ExpectDeclared({"p", "x"}, nth);
+        }
         return failed;
     });
     EXPECT_GT(rounds_with_left_overs, 0);

@@ -1,4 +1,5 @@
 // Starts and stops from outside of plug-in calls, on one thread.
+#include <new>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,46 @@ TEST_F(LifeCycleTest, CountsItsUsersAndWorksForTheFirstAndTheLastAlone) {
     EXPECT_EQ(runtime.Calls(Tova::Init), 3);
     EXPECT_EQ(runtime.Calls(Tova::Fini), 1);
     EXPECT_EQ(runtime.Calls(Tova::Thread_Create), 1);
+}
+
+TEST_F(LifeCycleTest, CannotBeMadeWithoutAnyOneOfItsLocks) {
+    const auto before = Runtime::Census();
+    for (long nth = 1;; ++nth) {
+        bool is_made = false;
+        {
+            Runtime runtime;
+            runtime.FailCall(Tova::MutexCreate, nth);
+            try {
+                const LifeCycle other;
+                is_made = true;
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(runtime.Failed(Tova::MutexCreate), 1);
+            }
+        }
+        EXPECT_EQ(Runtime::Census(), before) << nth;
+        if (!is_made) continue;
+        EXPECT_GT(nth, 5);
+        break;
+    }
+}
+
+TEST_F(LifeCycleTest, IsNotQuietWhileItStartsOrHasAUserOrRuns) {
+    World world;
+    ModuleHook hook;
+    world.Add("m");
+    bool is_quiet = true;
+    hook.On("m", "Init", [&](ModuleCall&) { is_quiet = LifeCycle::Get()->IsQuiet(); });
+    ASSERT_EQ(VESSA_Init(), VESSA_OK);
+    EXPECT_FALSE(is_quiet);
+    EXPECT_FALSE(LifeCycle::Get()->IsQuiet());
+    // The stop is put off to the end of the call: nobody is a user any more.
+    hook.On("m", "DestroyInstance", [&](ModuleCall&) {
+        VESSA_Uninit();
+        is_quiet = LifeCycle::Get()->IsQuiet();
+    });
+    is_quiet = true;
+    Destroy(Create("m"));
+    EXPECT_FALSE(is_quiet);
 }
 
 TEST_F(LifeCycleTest, IgnoresAStopThatNobodyStarted) {

@@ -154,6 +154,69 @@ TEST_F(OvertakenInstance, OfAConflictThatIsNoneAnyMoreIsEntered) {
     EXPECT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
 }
 
+// The destroy of a conflict makes the same instance once more: a conflict inside the conflict, whose
+// outer one lets the entry go.
+TEST_F(OvertakenInstance, OfAConflictInsideAConflictStaysLive) {
+    ModuleHook hook;
+    ASSERT_EQ(provider.RegisterPlugin("k", Module("same_instance", "a" MODULE_SUFFIX), true),
+              VESSA_OK);
+    void* first = nullptr;
+    int error = 0;
+    ASSERT_EQ(provider.CreateInstance("k", first, error), VESSA_OK);
+    int inner = VESSA_OK;
+    hook.On("a", "DestroyInstance", [&](ModuleCall& call) {
+        if (call.index > 1) return;
+        void* same = nullptr;
+        int own_error = 0;
+        inner = provider.CreateInstance("k", same, own_error);
+    });
+    void* second = nullptr;
+    EXPECT_EQ(provider.CreateInstance("k", second, error), VESSA_ERR_INSTANCE_CONFLICT);
+    EXPECT_EQ(inner, VESSA_ERR_INSTANCE_CONFLICT);
+    EXPECT_EQ(hook.Count("a", "DestroyInstance"), 2);
+    hook.Off("a", "DestroyInstance");
+    EXPECT_EQ(provider.DestroyInstance(first, error), VESSA_OK);
+    EXPECT_EQ(provider.UnregisterPlugin("k"), VESSA_OK);
+}
+
+// What nobody reads is not said, and the refusals are the same.
+TEST_F(OvertakenInstance, IsRefusedWithTheLogOffAsWithItOn) {
+    const LogCapture log(6);
+    Plugin plugin("/nowhere/a" MODULE_SUFFIX);
+    void* out = nullptr;
+    EXPECT_EQ(plugin.CreateInstance("k", out), VESSA_FAILED);
+    EXPECT_EQ(plugin.QueryInterface(&out, "i", out), VESSA_FAILED);
+    EXPECT_EQ(plugin.DestroyInstance(&out), VESSA_FAILED);
+
+    ASSERT_EQ(provider.RegisterPlugin("k", Module("same_instance", "a" MODULE_SUFFIX), true),
+              VESSA_OK);
+    ModuleHook hook;
+    void* first = nullptr;
+    int error = 0;
+    ASSERT_EQ(provider.CreateInstance("k", first, error), VESSA_OK);
+    hook.On("a", "DestroyInstance", [](ModuleCall& call) { call.Return(5); });
+    void* second = nullptr;
+    EXPECT_EQ(provider.CreateInstance("k", second, error), VESSA_ERR_INSTANCE_CONFLICT);
+    EXPECT_EQ(error, 5);
+    hook.Off("a", "DestroyInstance");
+
+    // An entry without a record, as only a test makes one.
+    InstanceTable& instances = PluginProviderAccess::Instances(provider);
+    InstanceTable::Record record = nullptr;
+    ASSERT_EQ(instances.Take(first, false, [&](InstanceTable::Record its) { record = its; }),
+              InstanceTable::kTaken);
+    ASSERT_TRUE(instances.Insert(first, nullptr));
+    EXPECT_EQ(provider.CreateInstance("k", second, error), VESSA_ERR_INSTANCE_CONFLICT);
+    EXPECT_EQ(provider.QueryInterface(first, "i", out, error), VESSA_FAILED);
+    EXPECT_EQ(provider.DestroyInstance(first, error), VESSA_OK);
+    ASSERT_TRUE(instances.Insert(first, record));
+    EXPECT_EQ(provider.DestroyInstance(first, error), VESSA_OK);
+    EXPECT_TRUE(log.Is({}));
+    // The destroy that failed counts as live for good.
+    EXPECT_EQ(Record("k")->Unload(), VESSA_OK);
+    PluginProviderAccess::Clear(provider);
+}
+
 // The record outlives its burial because somebody looks at it, and the registry goes first.
 TEST_F(OvertakenRecord, IsDeletedAtTheEndOfItsGraveyardThoughItIsStillLookedAt) {
     std::optional<PluginGraveyard> graveyard(std::in_place);

@@ -26,6 +26,16 @@ ItemFields Example() {
             {{"fkey", " v "}, {"vendor", ""}}};
 }
 
+TEST(PluginConfigItem, OfNothingIsCopiedAsNothing) {
+    const PluginConfigItem nothing;
+    PluginConfigItem copy(nothing);
+    PluginConfigItem item = vessa_test::ItemFields{"k", "/m", true, false, "/list", {}}.Make();
+    copy = item;
+    EXPECT_EQ(copy.fkey(), "k");
+    copy = nothing;
+    EXPECT_EQ(item.fkey(), "k");
+}
+
 TEST(PluginConfigItem, HoldsWhatItWasMadeFrom) {
     const PluginConfigItem item = Example().Make();
     EXPECT_EQ(item.fkey(), "video.decoder");

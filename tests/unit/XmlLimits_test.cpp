@@ -62,6 +62,10 @@ TEST(XmlLimits, AcceptsAnOrdinaryList) {
         "</vessa>\n");
 }
 
+TEST(XmlLimits, TakesALetterThatBeginsAsAByteOrderMarkForALetter) {
+    ExpectSameAsParser("\xEF\xBB\xBF<a>\xEF\xBC\xA1 \xEF\xBB\xBF\xEF\xBB\xBE</a>");
+}
+
 TEST(XmlLimits, AnEmptyTextHasNoExtent) {
     for (const char* const text : {"", "   \n", "\xEF\xBB\xBF"}) {
         const XmlExtent extent = MeasureXml(text);

@@ -7,9 +7,10 @@ Passes when every line and every outcome of a branch in the figures was run, or 
 what is neither is listed, and so is an exclusion that names nothing or something that was run after
 all. The last line printed has the sums.
 
-An exclusion is a line "<file> | <kind> | <text of the line> [| after <text of the line before>]".
-The text identifies the line, not its number, so that it survives edits elsewhere; where it stands
-more than once in the file, "after" and the nearest line before it that is not blank tells which.
+An exclusion is a line "<file> | <kind> | <text of the line>". The text identifies the line, not its
+number, so that it survives edits elsewhere. Where it stands more than once in the file,
+"| after <text>" with the nearest line before it that is not blank tells which, or "| in <text>" with
+the nearest line before it that begins at the margin with a letter: the head of its function.
 Kinds are
 
     line            the line is never run
@@ -29,10 +30,10 @@ import sys
 
 
 class Exclusion:
-    def __init__(self, number, file, kind, text, after):
+    def __init__(self, number, file, kind, text, after, function):
         words = kind.split()
         self.where = f"line {number}: {file} | {kind} | {text}"
-        self.file, self.text, self.after = file, text, after
+        self.file, self.text, self.after, self.function = file, text, after, function
         self.race = words[0] == "race"
         if self.race:
             words.pop(0)
@@ -59,14 +60,16 @@ def read_exclusions(path):
                 reason = True
             else:
                 fields = [field.strip() for field in line.split(" | ")]
-                after = None
+                after = function = None
                 if len(fields) > 3 and fields[-1].startswith("after "):
                     after = fields.pop()[len("after "):]
+                elif len(fields) > 3 and fields[-1].startswith("in "):
+                    function = fields.pop()[len("in "):]
                 if len(fields) < 2 or not reason:
                     raise SystemExit(f"exclusions: line {number}: no exclusion with a reason")
                 is_used = True
                 text = " | ".join(fields[2:])
-                exclusions.append(Exclusion(number, fields[0], fields[1], text, after))
+                exclusions.append(Exclusion(number, fields[0], fields[1], text, after, function))
     return exclusions
 
 
@@ -88,10 +91,13 @@ def check_sources(root, files, folders, problems):
 def lines_named(source, exclusion):
     """The numbers of the lines that the exclusion names."""
     found = []
-    before = ""
+    before = function = ""
     for number, line in enumerate(source, 1):
+        if line[:1].isalpha():
+            function = line.strip()
         line = line.strip()
-        if line == exclusion.text and exclusion.after in (None, before):
+        if (line == exclusion.text and exclusion.after in (None, before) and
+                exclusion.function in (None, function)):
             found.append(number)
         if line:
             before = line

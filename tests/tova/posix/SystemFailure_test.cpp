@@ -88,7 +88,7 @@ int KnowNoAddress(const void*, Dl_info*, void**, int) {
 }
 
 // A clock that stands still, an eighth of a tick after a full second, and files that were changed
-// around it, each as its name says.
+// around it.
 timespec g_now{};
 long g_tick_ns = 0;
 
@@ -101,15 +101,24 @@ int CountTheSleep(clockid_t, int, const timespec*, timespec*) {
     ++g_calls;
     return 0;
 }
-int ExamineByName(int folder, const char* name, struct stat* status, int flags) {
+// The files are examined in the order of the folder, whatever that is; so it is the order, not the
+// name, that says which of the times they have.
+int g_examined = 0;
+int ExamineInOrder(int folder, const char* name, struct stat* status, int flags) {
     const int result = Real().fstatat(folder, name, status, flags);
-    timespec& changed = status->st_ctim;
-    const std::string entry = name;
-    changed = {g_now.tv_sec - 1000, 0};
-    if (entry == "a" || entry == "d") changed = {g_now.tv_sec - 1, 1'000'000'000 - g_tick_ns / 8};
-    if (entry == "b") changed = {g_now.tv_sec, g_tick_ns / 16};
-    if (entry == "c") changed = {g_now.tv_sec, 0};
-    if (entry == "future") changed = {g_now.tv_sec + 1000, 0};
+    const timespec changed[] = {{g_now.tv_sec - 1, 1'000'000'000 - g_tick_ns / 8},
+                                {g_now.tv_sec, g_tick_ns / 16},
+                                {g_now.tv_sec, 0},
+                                {g_now.tv_sec - 1, 1'000'000'000 - g_tick_ns / 8},
+                                {g_now.tv_sec + 1000, 0},
+                                {g_now.tv_sec - 1000, 0}};
+    if (S_ISREG(status->st_mode)) status->st_ctim = changed[g_examined++ % 6];
+    return result;
+}
+// All of them long ago or far ahead.
+int ExamineOutOfTime(int folder, const char* name, struct stat* status, int flags) {
+    const int result = Real().fstatat(folder, name, status, flags);
+    status->st_ctim = {g_now.tv_sec + (++g_examined % 2 == 0 ? 1000 : -1000), 0};
     return result;
 }
 
@@ -225,7 +234,7 @@ TEST(DirectoryFailure, AListingFarBeyondTheUsualIsNotKeptForItsMemory) {
 
 TEST(DirectoryFailure, AClockThatStandsStillIsNotWaitedForWithoutEnd) {
     TempFolder folder;
-    for (const char* const name : {"a", "b", "c", "d", "future", "past"}) folder.Write(name, "");
+    for (const char* const name : {"a", "b", "c", "d", "e", "f"}) folder.Write(name, "");
     timespec tick{};
     clock_getres(CLOCK_REALTIME_COARSE, &tick);
     g_tick_ns = tick.tv_nsec;
@@ -234,23 +243,24 @@ TEST(DirectoryFailure, AClockThatStandsStillIsNotWaitedForWithoutEnd) {
     const Restore restore;
     stand_in::put.gettime = &ReadTheStandingClock;
     stand_in::put.nanosleep = &CountTheSleep;
-    stand_in::put.fstatat = &ExamineByName;
+    stand_in::put.fstatat = &ExamineInOrder;
+    g_examined = 0;
     g_calls = 0;
-    EXPECT_THAT(Names(List(folder.Path())),
-                ElementsAre(".", "..", "a", "b", "c", "d", "future", "past"));
+    EXPECT_THAT(Names(List(folder.Path())), ElementsAre(".", "..", "a", "b", "c", "d", "e", "f"));
     EXPECT_EQ(g_calls, 4);
 }
 
 TEST(DirectoryFailure, AFileOfAnotherTimeThanTheClocksIsNotWaitedFor) {
     TempFolder folder;
-    for (const char* const name : {"future", "past"}) folder.Write(name, "");
+    for (const char* const name : {"a", "b", "c"}) folder.Write(name, "");
     clock_gettime(CLOCK_REALTIME_COARSE, &g_now);
     const Restore restore;
     stand_in::put.gettime = &ReadTheStandingClock;
     stand_in::put.nanosleep = &CountTheSleep;
-    stand_in::put.fstatat = &ExamineByName;
+    stand_in::put.fstatat = &ExamineOutOfTime;
+    g_examined = 0;
     g_calls = 0;
-    EXPECT_THAT(Names(List(folder.Path())), ElementsAre(".", "..", "future", "past"));
+    EXPECT_THAT(Names(List(folder.Path())), ElementsAre(".", "..", "a", "b", "c"));
     EXPECT_EQ(g_calls, 0);
 }
 
