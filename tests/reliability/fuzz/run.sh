@@ -69,7 +69,7 @@ merge() {
     build fuzz vessa_fuzz_drivers
     for driver in "${drivers[@]}"; do
         in_own_folder run "build-fuzz/merge-$driver.log" "build-fuzz/bin/vessa_fuzz_$driver" \
-            -merge=1 -max_len=4096 "fuzz/corpus/$driver" "build-fuzz/corpus/$driver"
+            -set_cover_merge=1 -max_len=4096 "fuzz/corpus/$driver" "build-fuzz/corpus/$driver"
     done
     du -sh --apparent-size fuzz/corpus
 }

@@ -35,7 +35,7 @@ using Strings = std::vector<std::string>;
 constexpr int kWarnings = 4;
 const char* const kListName = "tarnet.xml";
 // Ends a child that hangs.
-constexpr unsigned kWatchdogSeconds = 120;
+constexpr unsigned kWatchdogSeconds = 300;
 
 long ThreadProcessorMs() {
     timespec now{};
