@@ -175,6 +175,54 @@ TEST_F(LifeOrders, AStopWaitsForARoundThatHasTheMutex) {
     EXPECT_EQ(Uninits("b"), 1);
 }
 
+TEST_F(LifeOrders, AStopUnregistersWhatTheRoundRegisteredLast) {
+    Start();
+    world.Add("b");
+    EXPECT_TRUE(CarriedOut(
+        {Ticks(), Scanner(), Stops("A")},
+        {"tick:ends", "T:coordinator.item.registered", "A:coordinator.shutdown.has_run_mutex",
+         "A:blocks", "T:coordinator.round.done", "T:goes", "A:ends"}));
+    EXPECT_EQ(Inits("b"), 1);
+    EXPECT_EQ(Uninits("b"), 1);
+}
+
+TEST_F(LifeOrders, ACreateFindsWhatTheRoundHasNotMarkedAsRegisteredYet) {
+    Start();
+    world.Add("b");
+    void* instance = nullptr;
+    EXPECT_TRUE(CarriedOut({Ticks(), Scanner(), Creates("B", instance, "b")},
+                           {"tick:ends", "T:coordinator.item.registered", "B:ends", "T:goes"}));
+    Destroy(instance);
+    VESSA_Uninit();
+    EXPECT_EQ(Uninits("b"), 1);
+}
+
+TEST_F(LifeOrders, ARoundWaitsForAQueryThatLooksAttributesUp) {
+    Start();
+    world.Add("b");
+    char value[16] = "";
+    unsigned int size = sizeof value;
+    const auto query = [&] {
+        EXPECT_EQ(VESSA_QueryConfigAttribute("a", "fkey", value, &size), VESSA_OK);
+    };
+    EXPECT_TRUE(
+        CarriedOut({Ticks(), Scanner(), {"B", query}},
+                   {"B:coordinator.query.has_mutex", "tick:ends", "T:coordinator.round.begins",
+                    "T:blocks", "B:ends", "T:coordinator.round.done", "T:goes"}));
+    EXPECT_STREQ(value, "a");
+    VESSA_Uninit();
+    EXPECT_EQ(Inits("b"), 1);
+}
+
+TEST_F(LifeOrders, ACreateBetweenTheEndOfTheScansAndTheUnregistrationsWorks) {
+    Start();
+    void* instance = nullptr;
+    EXPECT_TRUE(CarriedOut({Stops("A"), Creates("B", instance)},
+                           {"A:coordinator.shutdown.stopped", "B:ends", "A:ends"}));
+    EXPECT_EQ(Uninits("a"), 0);
+    Destroy(instance);
+}
+
 TEST_F(LifeOrders, AStopEndsAScan) {
     Start();
     world.Add("b");
@@ -323,6 +371,17 @@ TEST_F(InnerLifeOrders, APutOffStopAfterAnothersStartAndStopDoesNothing) {
                            {"A:life.stop.is_due", "B:ends", "A:ends"}));
     EXPECT_EQ(Passes("A", "life.stop.is_claimed"), 0);
     Destroy(instance);
+}
+
+TEST_F(InnerLifeOrders, AStartAfterThePutOffStopDoesNotNeedToBeTold) {
+    Start();
+    StopInCreate();
+    EXPECT_TRUE(CarriedOut({Creates("A", instance), Starts("B")},
+                           {"A:life.phase.is_idle", "B:ends", "A:ends"}));
+    EXPECT_TRUE(IsRunning());
+    EXPECT_EQ(Passes("A", "life.stop.is_claimed"), 1);
+    Destroy(instance);
+    VESSA_Uninit();
 }
 
 TEST_F(InnerLifeOrders, AStartFromAModuleDuringAStopIsRefused) {

@@ -172,6 +172,18 @@ TEST_F(SharedModuleOrders, ALoadDuringTheUninitWaitsForTheRealUnload) {
     ExpectLoads(2);
 }
 
+TEST_F(SharedModuleOrders, AnUnloadWaitsWhileALoadLooksTheModuleUp) {
+    EXPECT_TRUE(Carried({"A:record.unload.asks", "B:loader.load.has_mutex", "A:blocks",
+                         "B:module.load.counted", "A:module.unload.asks", "B:ends", "A:ends"}));
+    ExpectLoads(1);
+}
+
+TEST_F(SharedModuleOrders, ALoadBeforeTheFileIsClosedWaitsForThat) {
+    EXPECT_TRUE(Carried(
+        {"A:module.unload.before_close", "B:module.load.asks", "B:blocks", "A:ends", "B:ends"}));
+    ExpectLoads(2);
+}
+
 TEST_F(SharedModuleOrders, AReferenceTakenBeforeTheLastOneGoesKeepsTheObject) {
     EXPECT_TRUE(
         Carried({"A:loader.unload.unloaded", "B:loader.load.referenced", "A:ends", "B:ends"}));

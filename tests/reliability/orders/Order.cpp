@@ -40,6 +40,7 @@ class Director {
     Director(const std::vector<OrderThread>& threads, const std::vector<std::string>& steps,
              std::chrono::milliseconds limit)
         : threads_(threads), limit_(limit) {
+        if (threads_.size() > size_t{stage::kThreads}) trouble_ = "too many threads in the order";
         for (const std::string& text : steps) steps_.push_back(Read(text));
     }
 

@@ -23,6 +23,10 @@
 // A step that is not done within StepLimit, or whose thread ends before it, fails the order: the
 // result names the step, and of each thread what it does and where it was last.
 //
+// Checked is what the calls gave, what is registered, loaded and left over afterwards, which calls
+// the modules had, and with Passes which way a thread went. A new order is a test in the file of
+// its subject; that it bites is shown with a planted bug (vessa_order_bites in CMakeLists.txt).
+//
 // Nothing here orders threads in the eyes of the thread sanitizer: what two threads of an order
 // share without the library's own synchronisation is a race that it reports.
 #ifndef VESSA_TESTS_RELIABILITY_ORDERS_ORDER_H

@@ -1,7 +1,8 @@
 // What carries orders out: that it holds threads where it says, tells what blocks, and reports an
 // order that cannot be carried out instead of hanging or passing it over.
-#include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -137,6 +138,12 @@ TEST_F(OrderSelf, AStepOfNobodyIsReported) {
     EXPECT_EQ(Message(CarriedOut({TwoEntries("A", "a1", "a2")}, {"B:test.first.written"})),
               "the step 'B:test.first.written' is of no thread of the order");
     EXPECT_TRUE(diary.Entries().empty());
+}
+
+TEST_F(OrderSelf, AnOrderOfTooManyThreadsIsReported) {
+    EXPECT_EQ(
+        Message(CarriedOut(std::vector<OrderThread>(5, TwoEntries("A", "a1", "a2")), {"A:ends"})),
+        "too many threads in the order");
 }
 
 TEST_F(OrderSelf, WhatAThreadThrowsIsReported) {
