@@ -5,9 +5,10 @@
  * A comment "@ name" says which sync point of the sources the step below it follows or precedes.
  *
  * Memory. What a thread stores in its place goes through a store buffer of two entries, which empties
- * when it likes; everything else that the gate changes is changed by one locked instruction, which
- * empties the thread's own buffer first. A light fence does nothing to a buffer, a full fence
- * empties the thread's own, and a heavy fence those of all threads.
+ * when it likes: as nobody else can tell when it did, that is decided when somebody looks. Everything
+ * else that the gate changes is changed by one locked instruction, which empties the thread's own
+ * buffer first. A light fence does nothing to a buffer, a full fence empties the thread's own, and
+ * a heavy fence those of all threads.
  *
  * Time. A wait ends by a post alone, unless SLICES is defined: then a slice may end at any moment.
  * Without slices a wake-up that is lost is a deadlock, which spin finds.
@@ -19,9 +20,10 @@
  * HELPER     the last thread reads only when an outer read of another thread asks it to, and that
  *            one waits for it. Needs SLICES.
  * WRITERS    how many of the threads write, the first ones; all of them if it is not defined.
- * FAIR       the mutex lets threads in as they came, for the claim that a writer comes in.
+ * FAIR       thread 0 writes and the others read, without end; there are no buffers, and the mutex
+ *            lets threads in as they came: for the claim that a writer comes in.
  * Wrong on purpose, each to be refuted: NESTED_BLOCKS, NO_FENCE, NO_STRICT_FENCE, NO_SLEEP_FENCE,
- * NO_SECOND_LOOK, and HELPER without SLICES.
+ * NO_SECOND_LOOK, HELPER without SLICES, and FAIR with ANY_ORDER, a mutex that is not fair.
  */
 #ifndef N
 #define N 3
@@ -37,7 +39,10 @@ bit strict;     /* attention_: kStrict */
 byte sleepers;
 byte counted;
 byte posts;     /* of drained_; MAX_POSTS means as many or more */
-#ifdef FAIR
+#if defined(FAIR) && !defined(ANY_ORDER)
+#define IN_ORDER
+#endif
+#ifdef IN_ORDER
 chan queue = [N] of { byte };
 #else
 byte mutex = NOBODY;
@@ -68,12 +73,19 @@ inline Empty(i) {
     fi;
     pending[i] = 0; first[i] = 0; second[i] = 0
 }
+inline EmptyOne(i) {
+    place[i] = first[i]; first[i] = second[i]; second[i] = 0; pending[i]--
+}
 inline StoreInPlace(value) {
     d_step {
         if
+#ifdef FAIR
+        :: true -> place[me] = value
+#else
         :: pending[me] == 2 -> place[me] = first[me]; first[me] = second[me]; second[me] = value
         :: pending[me] == 1 -> second[me] = value; pending[me] = 2
         :: else -> first[me] = value; pending[me] = 1
+#endif
         fi
     }
 }
@@ -87,7 +99,7 @@ inline HeavyFence() {
 }
 
 inline Lock() {
-#ifdef FAIR
+#ifdef IN_ORDER
     queue!me;
     queue?[eval(me)]
 #else
@@ -95,7 +107,7 @@ inline Lock() {
 #endif
 }
 inline Unlock() {
-#ifdef FAIR
+#ifdef IN_ORDER
     queue?eval(me)
 #else
     mutex = NOBODY
@@ -110,7 +122,9 @@ inline Post() {
 inline TakePost() {
     if
     :: posts > 0 -> posts--
-    :: posts == MAX_POSTS -> skip
+#ifndef FAIR
+    :: posts == MAX_POSTS
+#endif
     fi
 }
 
@@ -120,17 +134,17 @@ inline Show() {
     :: d_step { me == N - 1 -> Empty(me); counted++; in_place = 0 }
     fi
 }
-inline Hide() {
-    /* What the read did is over before it is hidden. */
-    atomic { reading--; is_in = 0 };
-    TakeBack()
-}
 inline TakeBack() {
-    if
-    :: in_place -> StoreInPlace(0)
-    :: else -> d_step { Empty(me); counted-- }
-    fi;
-    in_place = 0;
+    atomic {
+        if
+        :: is_in -> is_in = 0; reading--
+        :: else
+        fi;
+        if
+        :: in_place -> in_place = 0; StoreInPlace(0)
+        :: else -> Empty(me); counted--
+        fi
+    };
     /*@ gate.reader.hidden */
     atomic {
         if
@@ -224,20 +238,27 @@ inline Read() {
     EnterAsReader();
     if
     :: true
-    :: Nested()
+    :: true -> Nested()
 #ifdef HELPER
     :: atomic { me == 0 && !asked && !helped -> asked = 1 };
         atomic { helped -> helped = 0 }
 #endif
     fi;
-    Hide()
+    TakeBack()
 }
 
 /* One place after the other; sees is what it comes to. */
 inline Look() {
     atomic { sees = (counted > 0); i = 0 };
     do
-    :: i < N && !sees -> atomic { sees = place[i]; i++ }
+    :: i < N && !sees -> atomic {
+        if
+        :: true
+        :: pending[i] > 0 -> EmptyOne(i)
+        :: pending[i] == 2 -> Empty(i)
+        fi;
+        sees = place[i];
+        i++ }
     :: else -> break
     od;
     i = 0
@@ -326,7 +347,13 @@ inline EnterAsWriter() {
 }
 
 inline LeaveAsWriter() {
-    d_step { Empty(me); writers-- };
+    d_step {
+        assert(reading == 0);
+        writing--;
+        reading = reading + is_in;
+        Empty(me);
+        writers--
+    };
     /*@ gate.writer.uncounted */
     Unlock()
     /*@ gate.writer.left */
@@ -335,14 +362,12 @@ inline LeaveAsWriter() {
 inline Write() {
     EnterAsWriter();
     if
-    :: d_step { assert(reading == 0); writing-- };
-        LeaveAsWriter()
-    :: d_step { assert(reading == 0); writing--; reading++; is_in = 1 };
-        Show();
+    :: LeaveAsWriter()
+    :: atomic { is_in = 1; Show() };
         /*@ gate.writer.shown */
         LeaveAsWriter();
         /*@ gate.writer.downgraded */
-        Hide()
+        TakeBack()
     fi
 }
 
@@ -371,20 +396,10 @@ proctype Helper(byte me) {
     bit in_place, is_in, marked, sees;
 end:
     do
-    :: asked -> EnterAsReader(); Hide(); atomic { asked = 0; helped = 1 }
+    :: asked -> EnterAsReader(); TakeBack(); atomic { asked = 0; helped = 1 }
     od
 }
 #endif
-
-/* Empties the buffers, one entry at a time. */
-proctype Memory(byte who) {
-end:
-    do
-    :: d_step { pending[who] == 2 ->
-        place[who] = first[who]; first[who] = second[who]; second[who] = 0; pending[who] = 1 }
-    :: d_step { pending[who] == 1 -> place[who] = first[who]; first[who] = 0; pending[who] = 0 }
-    od
-}
 
 init {
     byte t;
@@ -399,7 +414,6 @@ init {
 #else
             run Thread(t);
 #endif
-            run Memory(t);
             t++
         :: else -> break
         od
