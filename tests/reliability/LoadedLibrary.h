@@ -32,9 +32,14 @@ class LoadedLibrary {
         Find("VESSA_QueryAllFkeys", QueryAllFkeys);
         Find("VESSA_ReleaseAllFkeys", ReleaseAllFkeys);
     }
-    ~LoadedLibrary() { dlclose(handle_); }
+    ~LoadedLibrary() {
+        if (handle_ != nullptr) dlclose(handle_);
+    }
     LoadedLibrary(const LoadedLibrary&) = delete;
     LoadedLibrary& operator=(const LoadedLibrary&) = delete;
+
+    // For a library with something that it has to keep: it is not unloaded.
+    void Keep() { handle_ = nullptr; }
 
     TempDir& folder() { return folder_; }
 

@@ -84,6 +84,8 @@ int Run(const std::string& vessa) {
     const auto begin = std::chrono::steady_clock::now();
     conductor.Run();
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+    // It still has what the modules made impossible to give back.
+    library.Keep();
     done = true;
     watch.join();
     const bool complete = PrintCounts();
