@@ -7,10 +7,11 @@
 // on: the calls of two threads can fail in one life.
 //
 // Not failed: futex, by which the C library ends the process where an error cannot be; brk, whose
-// error the kernel never gives; rt_sigprocmask, exit, and the calls that have no error.
+// error the kernel never gives; rt_sigprocmask, exit, and the calls that have no error. EINTR for
+// ever is no failure: whoever is interrupted asks again.
 //
 //   faults_system_calls <library> [--every <k>] [--jobs <n>] [--watchdog <s>] [--call <name>]
-//                       [--plant <mistake>]
+//                       [--error <name>] [--mode alone] [--plant <mistake>]
 // Exits with 77, and says why, where no process may be traced.
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -53,6 +54,8 @@ struct Options {
     int jobs = 4;
     unsigned watchdog_s = 120;
     std::string call;
+    std::string error;
+    bool is_alone = false;
     Plant plant = Plant::kNone;
 };
 
@@ -71,6 +74,10 @@ Options Read(int count, char** words) {
             options.watchdog_s = static_cast<unsigned>(std::stoul(value));
         else if (name == "--call")
             options.call = value;
+        else if (name == "--error")
+            options.error = value;
+        else if (name == "--mode")
+            options.is_alone = value == "alone";
         else if (name == "--plant")
             options.plant = PlantNamed(value);
         else
@@ -151,6 +158,7 @@ class Run {
         for (const SystemCall& call : kCalls) {
             if (!options_.call.empty() && options_.call != call.name) continue;
             for (const Extent extent : {Extent::kAlone, Extent::kStep, Extent::kLife}) {
+                if (options_.is_alone && extent != Extent::kAlone) continue;
                 for (long n = 1; n <= counts_[call.name]; n += options_.every)
                     tasks_.push_back({&call, n, extent});
             }
@@ -175,9 +183,13 @@ class Run {
         _exit(0);
     }
 
+    std::string ErrorOf(const SystemCall& call) const {
+        return options_.error.empty() ? call.error : options_.error;
+    }
+
     void RunTask(Place& place, Tracing& tracing, const Task& task) {
         const std::string call = task.call->name;
-        const std::string injection = call + ":error=" + task.call->error +
+        const std::string injection = call + ":error=" + ErrorOf(*task.call) +
                                       ":when=" + std::to_string(task.nth) +
                                       (task.extent == Extent::kAlone ? "" : "+");
         tracing.Prepare(call, injection);
