@@ -19,7 +19,8 @@ const char* CheckXmlLimits(const std::string& text);
 
 // The deepest nesting of elements and the largest number of attributes on one that the parser
 // comes to, and how many nodes (elements, texts, comments and all others), each up to one more
-// than its limit. A text of nothing but references to blanks counts, although it makes no node.
+// than its limit; what follows where one is passed is not looked at. A text of nothing but
+// references to blanks counts, although it makes no node.
 struct XmlExtent {
     int depth = 0;
     int attributes = 0;

@@ -257,9 +257,11 @@ void OnSmallStack(const std::function<void()>& work) {
 }
 
 // One arena for all threads: a further one would reserve as much as is allowed, and use little.
+// What the parent has free would not show as taken.
 void LimitAddressSpace() {
     if (kHasSanitizer) return;
     mallopt(M_ARENA_MAX, 1);
+    malloc_trim(0);
     const auto limit = static_cast<rlim_t>(StatusValue("VmSize") + kMostKiB) * 1024;
     const rlimit limits{limit, limit};
     setrlimit(RLIMIT_AS, &limits);
