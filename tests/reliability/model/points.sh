@@ -2,8 +2,8 @@
 # points.sh <model>...: each sync point that a model names stands in the list and in the sources.
 # Prints how many there are.
 set -euo pipefail
-cd "$(dirname "$0")/../../.."
 names=$(grep -oh '/\*@ [a-z_.]* \*/' "$@" | sed 's|/\*@ \(.*\) \*/|\1|' | sort -u)
+cd "$(dirname "$0")/../../.."
 for name in $names; do
     grep -qF "| \`$name\` |" docs/design/points.md ||
         { echo "model: '$name' is not in docs/design/points.md"; exit 1; }
