@@ -17,6 +17,8 @@ namespace vessa_random {
 namespace {
 
 constexpr long kPhasesBetweenStops = 4;
+// On a busy machine a minute may be too short for all that is rare.
+constexpr long kPhasesToBeComplete = 24;
 
 // Several threads at once, each with its number; ends when all have ended.
 void RunThreads(int threads, const std::function<void(int)>& run) {
@@ -59,8 +61,10 @@ void Conductor::Run() {
     for (long phase = 0;; ++phase) {
         SetPhase(phase);
         ThisPosition() = Position{-1, phase};
-        const bool enough = TheOptions().phases > 0 ? phase == TheOptions().phases
-                                                    : std::chrono::steady_clock::now() >= end;
+        const bool over = std::chrono::steady_clock::now() >= end;
+        const bool enough = TheOptions().phases > 0
+                                ? phase == TheOptions().phases
+                                : over && (!TheOptions().complete || phase >= kPhasesToBeComplete);
         if (enough) break;
         RunPhase(phase);
         if (phase % kPhasesBetweenStops != kPhasesBetweenStops - 1) continue;

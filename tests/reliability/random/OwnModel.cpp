@@ -230,9 +230,13 @@ const OwnModel::Record* OwnModel::Find(const std::string& key) const {
     return found != records_.end() ? &found->second : nullptr;
 }
 
-bool OwnModel::HasPending() const {
-    return std::any_of(table_.begin(), table_.end(),
-                       [](const auto& entry) { return !entry.second.registered; });
+bool OwnModel::LetsIn(const std::string& key) const {
+    const std::string& path = records_.at(key).path;
+    return std::any_of(table_.begin(), table_.end(), [&](const auto& entry) {
+        const Item& item = entry.second.item;
+        return !entry.second.registered &&
+               (item.key == key || FileName(item.path) == FileName(path));
+    });
 }
 
 const Item* OwnModel::Declared(const std::string& key) const {

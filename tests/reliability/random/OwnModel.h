@@ -61,7 +61,8 @@ class OwnModel {
     void Forget(const std::string& key);
 
     const Record* Find(const std::string& key) const;
-    bool HasPending() const;
+    // Whether something refused could be registered once the key's record is gone.
+    bool LetsIn(const std::string& key) const;
     // Reads one attribute: null if it is not there.
     const Item* Declared(const std::string& key) const;
     // The keys of the stored lists, in order.

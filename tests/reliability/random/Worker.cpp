@@ -311,7 +311,7 @@ void Worker::CreateUnknown(Choices& choices) {
 
 void Worker::Destroy(Choices& choices) {
     const size_t chosen = choices.Next();
-    const bool of_unregistered = choices.OneIn(3);
+    const bool of_unregistered = choices.OneIn(depth_ > 0 ? 2 : 12);
     if (held_.empty()) return;
     size_t at = chosen % held_.size();
     for (size_t i = 0; of_unregistered && i < held_.size(); ++i) {
@@ -332,7 +332,7 @@ void Worker::DestroyHeld(Choices& choices, size_t at, bool plain) {
     // The unload of an unregistered module lets in who waits for its key or file name, with
     // anybody's next round: then the next round is this thread's.
     const bool lets_in =
-        own && model_.Find(gone.key)->unregistered && model_.HasPending() && !plain;
+        own && model_.Find(gone.key)->unregistered && model_.LetsIn(gone.key) && !plain;
     if (lets_in && depth_ > 0) return;
     if (plain || lets_in) plan.nested = 0;
     const long allocation = plain || special >= 5 ? 0 : nth;

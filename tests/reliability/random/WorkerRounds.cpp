@@ -68,7 +68,7 @@ std::string Worker::RandomPath(Choices& choices) {
 std::string Worker::PathFor(const std::string& key, Choices& choices) {
     const std::string any = RandomPath(choices);
     if (choices.OneIn(30)) return any;
-    return PathOf(std::stoi(key.substr(prefix_.size() + 2)) % kFileSlots, choices.OneIn(16) ? 1 : 0);
+    return PathOf(std::stoi(key.substr(prefix_.size() + 2)) % kFileSlots, choices.OneIn(6) ? 1 : 0);
 }
 
 std::string Worker::PathOf(int slot, int place) const {
@@ -159,8 +159,7 @@ void Worker::EditModule(Choices& choices) {
         return model_.RemoveModule(path);
     }
     ModuleKind kind = what < 4 ? kBrokenKinds[broken] : ModuleKind::kGood;
-    if (what == 4 && may_leave_ && model_.TakenNames() < kMostTakenNames)
-        kind = ModuleKind::kUninitFails;
+    if (what == 4 && model_.TakenNames() < kMostTakenNames) kind = ModuleKind::kUninitFails;
     PutModule(path, kind, choices);
 }
 
