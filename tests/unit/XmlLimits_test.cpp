@@ -102,7 +102,7 @@ TEST(XmlLimits, AcceptsAnOrdinaryList) {
 }
 
 TEST(XmlLimits, TakesALetterThatBeginsAsAByteOrderMarkForALetter) {
-    ExpectSameAsParser("\xEF\xBB\xBF<a>\xEF\xBC\xA1 \xEF\xBB\xBF\xEF\xBB\xBE</a>");
+    ExpectSameAsParser("\xEF\xBB\xBF<a>\xEF\xBC\xA1 \xEF\xBF\xBE\xEF\xBF\xBF</a>");
 }
 
 TEST(XmlLimits, AnEmptyTextHasNoExtent) {
