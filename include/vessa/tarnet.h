@@ -33,16 +33,18 @@
  *  3. Exceptions. Nothing should be thrown. What is thrown counts as the result -1; an exception
  *     of another C++ runtime than the library's own goes through the library to the caller.
  *  4. Calls back. Every VESSA_ function may be called from inside every operation, and from
- *     threads that the module started, with these limits, each of which would wait for ever:
+ *     threads that the module started, with these limits, each of which can wait for ever:
  *     two modules must not use each other in their Init on two threads at once; an operation
- *     must not wait for a thread of its own that loads or unloads this same module, or that is
- *     in VESSA_Init or VESSA_Uninit; and a destroy that is called for a pointer which was handed
- *     out twice must not wait for a thread of its own that uses instances.
+ *     must not wait for a thread of its own that loads or unloads this same module, that
+ *     destroys the last instance of a plug-in which was unregistered, or that is in VESSA_Init
+ *     or VESSA_Uninit; and a destroy that is called for a pointer which was handed out twice
+ *     must not wait for a thread of its own that uses instances.
  *     No VESSA_ function may be called from constructors or destructors of global objects.
  *  5. Ownership. Whatever a module returns stays its own; the library frees none of it, and
  *     copies what it keeps before the operation's caller goes on.
  *  6. A module must not destroy its own last instance from inside one of that instance's own
- *     interface functions after it was unregistered: its code would be unloaded under it.
+ *     interface functions, or its QueryInterface, after it was unregistered: its code would be
+ *     unloaded under it.
  *  7. The process must not be ended, and no signal handler, terminate handler or locale be
  *     changed, by a module.
  *
@@ -141,7 +143,8 @@ typedef const char* (*tarnet_get_file_version_t)(void);
  * fkeys null it stores in *count how many there are; with fkeys an array of that many zeroed
  * entries and *count still that number it fills the entries and stores how many it filled.
  * Only as many as were announced are read, an entry up to its first zero or 256 bytes. A
- * count below 1 is none. Asked only for elements with loadfkeys and without delayload, when
+ * count below 1 is none. Counts and entries are used whatever the calls return; other than 0
+ * from the first is logged. Asked only for elements with loadfkeys and without delayload, when
  * they are registered and again when they are removed: answer the same both times.
  */
 typedef int (*tarnet_get_plugin_map_fkeys_t)(char (*fkeys)[TARNET_FKEY_SIZE], int* count);

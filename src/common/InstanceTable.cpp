@@ -12,6 +12,7 @@ constexpr int kSpins = 100;
 }  // namespace
 
 void InstanceTable::Change::WaitForStripe() {
+    VESSA_SYNC_POINT("instances.change.waits", &stripe_);
     int spins = 0;
     unsigned rounds = 0;
     for (;;) {
@@ -43,6 +44,7 @@ InstanceTable::Slot& InstanceTable::FreeSlot(Slots* slots, const void* instance)
 
 void InstanceTable::Put(Slot& slot, void* instance, uintptr_t word) {
     slot.record.store(word, std::memory_order_release);
+    VESSA_SYNC_POINT("instances.entry.half_put", instance);
     slot.instance.store(instance, std::memory_order_release);
 }
 
@@ -78,9 +80,11 @@ void InstanceTable::Grow(Stripe& stripe) {
     Slots* const outgrown = stripe.slots.load();
     auto room =
         std::make_unique<Slots>(outgrown != nullptr ? 2 * (outgrown->mask + 1) : kFirstSlots);
+    VESSA_SYNC_POINT("instances.grow.made", &stripe);
     const Change change(stripe);
     if (stripe.slots.load(std::memory_order_relaxed) != outgrown) return;
     MoveTo(outgrown, room.get());
+    VESSA_SYNC_POINT("instances.grow.moved", &stripe);
     stripe.slots.store(room.release(), std::memory_order_release);
 }
 
@@ -109,12 +113,15 @@ InstanceTable::Found InstanceTable::Find(const void* instance) const {
     Stripe& stripe = stripes_[StripeOf(instance)];
     for (int looks = 0; looks < kSpins; ++looks) {
         const uint64_t version = stripe.version.load();
+        VESSA_SYNC_POINT("instances.find.has_version", &stripe);
         if (version % 2 == 0) {
             const Found found = Look(stripe, version, instance);
+            VESSA_SYNC_POINT("instances.find.looked", &stripe);
             if (IsCurrent(found)) return found;
         }
         SpinWait();
     }
+    VESSA_SYNC_POINT("instances.find.locks", &stripe);
     // Others change the stripe without a pause: a look between two changes might never come.
     const Change change(stripe);
     return Look(stripe, change.NextVersion(), instance);

@@ -24,6 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/SyncPoint.h"
 #include "common/ThreadScope.h"
 
 // Thread safety: every operation on any thread; destruction by the owner alone.
@@ -94,6 +95,7 @@ class InstanceTable {
             if (version_ % 2 != 0 ||
                 !stripe_.version.compare_exchange_strong(version_, version_ + 1))
                 WaitForStripe();
+            VESSA_SYNC_POINT("instances.change.begins", &stripe);
         }
         ~Change() { stripe_.version.store(NextVersion(), std::memory_order_release); }
         Change(const Change&) = delete;
@@ -163,6 +165,7 @@ InstanceTable::Taken InstanceTable::Take(void* instance, bool even_if_held, Use&
     const uintptr_t word = slot->record.load(std::memory_order_relaxed);
     if ((word & kHeldBit) != 0 && !even_if_held) return kHeld;
     use(RecordOf(word));
+    VESSA_SYNC_POINT("instances.entry.goes", instance);
     Remove(stripe, slot);
     return kTaken;
 }

@@ -5,6 +5,7 @@
 
 #include "common/AsymmetricFence.h"
 #include "common/SpinWait.h"
+#include "common/SyncPoint.h"
 
 namespace {
 
@@ -31,6 +32,7 @@ VESSA_COLD void RunTasks(GateTask* task) {
         GateTask* const next = rest.tasks;
         rest.tasks = next->next;
         next->next = nullptr;
+        VESSA_SYNC_POINT("gate.task.runs", next);
         next->run(next);
     }
 }
@@ -55,14 +57,20 @@ int32_t RegistryGate::Readers() const {
 void RegistryGate::EnterAsWriter() NO_THREAD_SAFETY_ANALYSIS {
     assert(!ReadsHere());
     LeaveReadersATurn();
+    VESSA_SYNC_POINT("gate.writer.comes", this);
     attention_.fetch_add(kWriter);
+    VESSA_SYNC_POINT("gate.writer.counted", this);
     mutex_.Lock();
+    VESSA_SYNC_POINT("gate.writer.has_mutex", this);
     if ((attention_.fetch_or(kStrict) & kStrict) == 0) AsymmetricFence::Heavy();
+    VESSA_SYNC_POINT("gate.writer.fenced", this);
     if (!SeesReadersLeave()) WaitForReaders();
+    VESSA_SYNC_POINT("gate.writer.in", this);
 }
 
 void RegistryGate::LeaveReadersATurn() {
     if (!turned_away_.load() || !turned_away_.exchange(false)) return;
+    VESSA_SYNC_POINT("gate.writer.leaves_a_turn", this);
     const auto end = std::chrono::steady_clock::now() + kTurn;
     while (std::chrono::steady_clock::now() < end) SpinWait();
 }
@@ -88,15 +96,22 @@ void RegistryGate::WaitForReaders() NO_THREAD_SAFETY_ANALYSIS {
             if (is_locked) gate->mutex_.Unlock();
         }
     } undo{this};
+    VESSA_SYNC_POINT("gate.writer.waits", this);
     sleepers_.fetch_add(1);
     AsymmetricFence::Heavy();
+    VESSA_SYNC_POINT("gate.writer.asleep", this);
     while (HasReaders()) {
-        if (drained_.TimedWait(kSliceMs) == 0) continue;
+        VESSA_SYNC_POINT("gate.writer.sleeps", this);
+        const bool is_posted = drained_.TimedWait(kSliceMs) == 0;
+        VESSA_SYNC_POINT("gate.writer.woken", this);
+        if (is_posted) continue;
         undo.is_locked = false;
         mutex_.Unlock();
+        VESSA_SYNC_POINT("gate.writer.gives_up_slice", this);
         // Waiting here, not merely unlocking, is what lets the blocked readers in.
         drained_.TimedWait(kGapMs);
         mutex_.Lock();
+        VESSA_SYNC_POINT("gate.writer.has_mutex_again", this);
         undo.is_locked = true;
     }
     undo.is_in = true;
@@ -104,13 +119,17 @@ void RegistryGate::WaitForReaders() NO_THREAD_SAFETY_ANALYSIS {
 
 GateHold::Shown RegistryGate::Downgrade(ThreadState& thread) NO_THREAD_SAFETY_ANALYSIS {
     const GateHold::Shown shown = Show(thread);
+    VESSA_SYNC_POINT("gate.writer.shown", this);
     ExitAsWriter();
+    VESSA_SYNC_POINT("gate.writer.downgraded", this);
     return shown;
 }
 
 void RegistryGate::ExitAsWriter() NO_THREAD_SAFETY_ANALYSIS {
     attention_.fetch_sub(kWriter);
+    VESSA_SYNC_POINT("gate.writer.uncounted", this);
     mutex_.Unlock();
+    VESSA_SYNC_POINT("gate.writer.left", this);
 }
 
 // Shows the thread as a reader. Without the mutex it is one when it finds itself let in.
@@ -127,12 +146,14 @@ GateHold::Shown RegistryGate::Show(ThreadState& thread) {
 bool RegistryGate::IsLetIn(ThreadState& thread) {
     AsymmetricFence::Light();
     const int32_t seen = attention_.load();
+    VESSA_SYNC_POINT("gate.reader.looked", this);
     return seen == 0 || (seen == kStrict && IsLetInStrictly(thread));
 }
 
 bool RegistryGate::IsLetInStrictly(ThreadState& thread) {
     AsymmetricFence::Full();
     if (attention_.load() != kStrict) return false;
+    VESSA_SYNC_POINT("gate.reader.looked_strictly", this);
     if (++thread.strict_reads >= kStrictReads) {
         thread.strict_reads = 0;
         int32_t quiet = kStrict;
@@ -143,6 +164,7 @@ bool RegistryGate::IsLetInStrictly(ThreadState& thread) {
 
 GateHold::Shown RegistryGate::EnterAsReader(ThreadState& thread) {
     const GateHold::Shown shown = Show(thread);
+    VESSA_SYNC_POINT("gate.reader.shown", this);
     if (IsLetIn(thread)) return shown;
     ExitAsReader(thread, shown);
     return EnterBesideWriters(thread);
@@ -150,12 +172,14 @@ GateHold::Shown RegistryGate::EnterAsReader(ThreadState& thread) {
 
 GateHold::Shown RegistryGate::EnterBesideWriters(ThreadState& thread) {
     turned_away_.store(true);
+    VESSA_SYNC_POINT("gate.reader.turned_away", this);
     for (int i = 0; i < kLooks; ++i) {
         if (Writers() != 0) {
             SpinWait();
             continue;
         }
         const GateHold::Shown shown = Show(thread);
+        VESSA_SYNC_POINT("gate.reader.shown_again", this);
         if (IsLetIn(thread)) return shown;
         ExitAsReader(thread, shown);
     }
@@ -163,8 +187,10 @@ GateHold::Shown RegistryGate::EnterBesideWriters(ThreadState& thread) {
 }
 
 GateHold::Shown RegistryGate::EnterBehindMutex(ThreadState& thread) {
+    VESSA_SYNC_POINT("gate.reader.queues", this);
     TOVA_MutexGuard guard(mutex_);
     const GateHold::Shown shown = Show(thread);
+    VESSA_SYNC_POINT("gate.reader.has_mutex", this);
     while (drained_.TimedWait(0) == 0) {
     }
     return shown;
@@ -175,8 +201,10 @@ void RegistryGate::ExitAsReader(ThreadState& thread, GateHold::Shown shown) {
         thread.reading.store(nullptr, std::memory_order_release);
     else
         counted_.fetch_sub(1);
+    VESSA_SYNC_POINT("gate.reader.hidden", this);
     AsymmetricFence::Light();
     if (sleepers_.load() != 0) drained_.Post();
+    VESSA_SYNC_POINT("gate.reader.looked_for_sleepers", this);
 }
 
 GateHold* RegistryGate::FindHold(const ThreadState* thread) const {
@@ -209,6 +237,7 @@ void RegistryGate::Push(ThreadState& thread, GateHold& hold) {
 void RegistryGate::Read(ThreadState& thread, GateHold& hold) {
     if (FindHold(&thread) == nullptr) hold.shown = EnterAsReader(thread);
     Push(thread, hold);
+    VESSA_SYNC_POINT("gate.reader.in", this);
 }
 
 void RegistryGate::EndRead(ThreadState& thread, GateHold& hold) {

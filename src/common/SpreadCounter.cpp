@@ -3,12 +3,14 @@
 #include <new>
 
 #include "common/AsymmetricFence.h"
+#include "common/SyncPoint.h"
 
 // Null: no memory for them.
 LoneCell* SpreadCounter::MakeFurther() {
     LoneCell* known = further_.load();
     if (known != nullptr) return known;
     auto* const made = new (std::nothrow) LoneCell[kCells];
+    VESSA_SYNC_POINT("counter.cells.made", this);
     if (made == nullptr || further_.compare_exchange_strong(known, made)) return made;
     delete[] made;
     return known;
@@ -42,6 +44,7 @@ void SpreadCounter::Raise(const ThreadState& thread) {
                           std::memory_order_release);
     else
         cells_->shared().raised.fetch_add(1);
+    VESSA_SYNC_POINT("counter.value.raised", this);
 }
 
 void SpreadCounter::Lower(const ThreadState& thread) {
@@ -51,6 +54,7 @@ void SpreadCounter::Lower(const ThreadState& thread) {
     else
         cells_->shared().lowered.fetch_add(1);
     AsymmetricFence::Light();
+    VESSA_SYNC_POINT("counter.value.lowered", this);
 }
 
 bool SpreadCounter::IsZero() const {
@@ -63,6 +67,7 @@ int32_t SpreadCounter::Value() const {
     for (const LoneCell& cell : cells_->own) lowered += cell.lowered.load();
     const LoneCell* further = further_.load();
     for (int32_t i = 0; further != nullptr && i < kCells; ++i) lowered += further[i].lowered.load();
+    VESSA_SYNC_POINT("counter.look.half_way", this);
     // Cells that were made meanwhile count: what was lowered in another was perhaps raised there.
     further = further_.load();
     uint32_t raised = cells_->shared().raised.load();

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "common/Contain.h"
+#include "common/SyncPoint.h"
 #include "common/ThreadScope.h"
 
 namespace {
@@ -43,9 +44,12 @@ bool Timer::SetTimer(unsigned int period_ms, ObjectPtrT<Closure> callback) {
         control_->replaced = true;
         control_->ended = false;
         running_.store(true);
+        VESSA_SYNC_POINT("timer.start.inside", this);
         return true;
     }
+    VESSA_SYNC_POINT("timer.start.asks", this);
     TOVA_MutexGuard guard(mutex_);
+    VESSA_SYNC_POINT("timer.start.has_mutex", this);
     if (running_.load() && !StopTimer()) return false;
     JoinThread();
     // The closure may have started the timer again while its thread was waited for.
@@ -54,6 +58,7 @@ bool Timer::SetTimer(unsigned int period_ms, ObjectPtrT<Closure> callback) {
     const ObjectPtrT<Closure> loop = NewClosure(this, &Timer::ThreadProc, period_ms, callback);
     if (loop.IsNull()) return false;
     if (!StartThread(loop)) return false;
+    VESSA_SYNC_POINT("timer.start.has_thread", this);
     running_.store(true);
     return true;
 }
@@ -63,10 +68,13 @@ bool Timer::StopTimer() {
     if (OnOwnThread()) {
         control_->ended = true;
         running_.store(false);
+        VESSA_SYNC_POINT("timer.stop.inside", this);
         return true;
     }
+    VESSA_SYNC_POINT("timer.stop.asks", this);
     TOVA_MutexGuard guard(mutex_);
     if (!running_.load()) return true;
+    VESSA_SYNC_POINT("timer.stop.has_mutex", this);
     JoinThread();
     running_.store(false);
     return true;
@@ -109,7 +117,9 @@ bool Timer::StartThread(const ObjectPtrT<Closure>& loop) {
 void Timer::JoinThread() {
     if (thread_ == nullptr) return;
     control_->wake.Post();
+    VESSA_SYNC_POINT("timer.thread.joins", this);
     TOVA_Thread_Wait(thread_);
+    VESSA_SYNC_POINT("timer.thread.joined", this);
     thread_ = nullptr;
     control_.Reset(nullptr);
 }
@@ -132,7 +142,9 @@ void Timer::ThreadProc(unsigned int period_ms, ObjectPtrT<Closure> callback) {
     const ObjectPtrT<Control> control = control_;
     const PostAtEnd finished{control->finished};
     while (control->wake.TimedWait(period_ms) != 0) {
+        VESSA_SYNC_POINT("timer.round.begins", this);
         RunGuarded(*callback, this);
+        VESSA_SYNC_POINT("timer.round.ended", this);
         if (control->replaced) {
             control->replaced = false;
             period_ms = control->period_ms;

@@ -288,14 +288,17 @@ class XmlWalk {
         return true;
     }
 
+    bool CountNode() { return ++extent_.nodes <= kMaxXmlNodes; }
+
     bool ReadNode() {
         if (At(position_) != '<') {
-            if (depth_ == 0 || !ReadText('<', true)) return false;
+            if (depth_ == 0 || !CountNode() || !ReadText('<', true)) return false;
             --position_;
             return true;
         }
-        if (IsNameStart(At(position_ + 1))) return ReadStartTag();
+        if (IsNameStart(At(position_ + 1))) return CountNode() && ReadStartTag();
         if (depth_ != 0 && Looking("</")) return ReadEndTag();
+        if (!CountNode()) return false;
         if (LookingIgnoringCase("<?xml")) return ReadDeclaration();
         if (Looking("<!--")) {
             position_ += 4;
@@ -333,5 +336,6 @@ const char* CheckXmlLimits(const std::string& text) {
     const XmlExtent extent = MeasureXml(text);
     if (extent.depth > kMaxXmlDepth) return "Elements nested too deeply.";
     if (extent.attributes > kMaxXmlAttributes) return "Too many attributes on one element.";
+    if (extent.nodes > kMaxXmlNodes) return "Too many nodes.";
     return nullptr;
 }

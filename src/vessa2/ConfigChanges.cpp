@@ -11,6 +11,7 @@
 #include "common/Contain.h"
 #include "common/MessageFormat.h"
 #include "common/RunSort.h"
+#include "common/SyncPoint.h"
 #include "vessa/vessa.h"
 #include "vessa2/PluginCoordinator.h"
 
@@ -75,6 +76,7 @@ void PluginCoordinator::ConfigFileChanged(const ConfigMonitor&,
         LOG_PLAIN(kInformation, "plugin coordinator already shutdown, config change igored");
         return;
     }
+    VESSA_SYNC_POINT("coordinator.round.begins", this);
     Round round;
     round.left_over = CountLeftOvers();
     for (const ConfigMonitor::NotifyInfo& change : changes) {
@@ -83,13 +85,16 @@ void PluginCoordinator::ConfigFileChanged(const ConfigMonitor&,
                    "read plugin list config failed, ignored, file path {0}, notify type {1}",
                    change.path, change.notify_type);
     }
+    VESSA_SYNC_POINT("coordinator.round.asks", this);
     TOVA_MutexGuard guard(mutex_);
+    VESSA_SYNC_POINT("coordinator.round.has_mutex", this);
     if (!running_.load()) {
         LOG_PLAIN(kInformation, "plugin coordinator already shutdown, config change igored");
         return;
     }
     TakeUpLeftOvers(round);
     ApplyChanges(round);
+    VESSA_SYNC_POINT("coordinator.round.done", this);
     LOG_PLAIN(kTrace, "config file changed end");
 }
 

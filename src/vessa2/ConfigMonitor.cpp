@@ -7,6 +7,7 @@
 #include "common/Contain.h"
 #include "common/MessageFormat.h"
 #include "common/RunSort.h"
+#include "common/SyncPoint.h"
 #include "process/Process.h"
 #include "tova.h"
 
@@ -124,6 +125,7 @@ bool ConfigMonitor::Stop() {
     }
     started_.store(false);
     stopping_.store(true);
+    VESSA_SYNC_POINT("monitor.stop.asks", this);
     timer_.StopTimer();
     plugin_root_.clear();
     config_filename_.clear();
@@ -140,6 +142,7 @@ void ConfigMonitor::MonitorTimerProc() {
         LOG_PLAIN(kInformation, "config monitor stopped, check loop exit");
         return;
     }
+    VESSA_SYNC_POINT("monitor.scan.begins", this);
     std::list<NotifyInfo> changes;
     // A scan without memory for what it finds is a failed scan: nothing is compared.
     bool scanned = false;
@@ -168,6 +171,7 @@ void ConfigMonitor::Deliver(const std::list<NotifyInfo>& changes) {
         LOG_PLAIN(kInformation, "config monitor stopped, check loop exit");
         return;
     }
+    VESSA_SYNC_POINT("monitor.changes.are_told", this);
     // The receiver says itself what it could not do; the next scan must come all the same.
     Contain([&] { receiver_(*this, changes); });
 }

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "common/MessageFormat.h"
+#include "common/SyncPoint.h"
 #include "common/ThreadScope.h"
 #include "vessa/vessa.h"
 #include "vessa2/PluginLoader.h"
@@ -34,8 +35,10 @@ int DelayLoadPlugin::LoadPlugin() {
         LOG_FORMAT(kError, "load plugin failed {0}/{0:X}, plugin file path {1}", code, file_path_);
         return code;
     }
+    VESSA_SYNC_POINT("record.load.asks", this);
     if (ThreadScope::InPluginCall()) return LoadFromLoader(*locks);
     TOVA_MutexGuard guard(locks->loading);
+    VESSA_SYNC_POINT("record.load.has_mutex", this);
     if (IsLoaded()) return VESSA_OK;
     Plugin* const left_over = plugin_.load();
     if (left_over != nullptr && !is_nested_.load())
@@ -57,6 +60,7 @@ int DelayLoadPlugin::LoadFromLoader(Locks& locks) {
 // Keeps the loaded module, or gives the reference back if another load was first: one nested
 // in the module's own Init, or one on another thread.
 int DelayLoadPlugin::KeepLoaded(Locks& locks, Plugin* plugin) {
+    VESSA_SYNC_POINT("record.load.loaded", this);
     bool second = false;
     {
         TOVA_MutexGuard guard(locks.state);
@@ -67,11 +71,13 @@ int DelayLoadPlugin::KeepLoaded(Locks& locks, Plugin* plugin) {
     }
     LOG_FORMAT(kInformation, "load plugin succeeded, plugin {0}, plugin file path {1}", plugin,
                file_path_);
+    VESSA_SYNC_POINT("record.load.kept", this);
     if (second) PluginLoader::Instance().UnloadPlugin(plugin);
     return VESSA_OK;
 }
 
 int DelayLoadPlugin::FailLoad(Locks& locks, int code) {
+    VESSA_SYNC_POINT("record.load.failed", this);
     Plugin* nested = nullptr;
     {
         TOVA_MutexGuard guard(locks.state);
@@ -90,6 +96,7 @@ int DelayLoadPlugin::FailLoad(Locks& locks, int code) {
 
 int DelayLoadPlugin::UnloadPlugin() {
     if (!IsLoaded() && plugin_.load() == nullptr) return VESSA_OK;
+    VESSA_SYNC_POINT("record.unload.asks", this);
     Locks& locks = *locks_.load();
     if (ThreadScope::InPluginCall()) return UnloadToLoader(locks);
     TOVA_MutexGuard guard(locks.loading);
@@ -111,6 +118,7 @@ int DelayLoadPlugin::UnloadToLoader(Locks& locks) {
     }
     LOG_FORMAT(kInformation, "unload plugin succeeded, plugin {0}, plugin file path {1}", plugin,
                file_path_);
+    VESSA_SYNC_POINT("record.unload.unloaded", this);
     TOVA_MutexGuard guard(locks.state);
     state_.store(kNotLoaded);
     plugin_.store(nullptr);
@@ -168,6 +176,7 @@ int DelayLoadPlugin::CreateInstance(const CallContext& context, TextRef fkey, vo
         return VESSA_FAILED;
     }
     instance = created;
+    VESSA_SYNC_POINT("record.instance.made", this);
     instance_counter_.Raise(context.thread);
     LOG_FORMAT_IN(context.log, kDebug,
                   "create tarnet instance succeeded, instance {0}, plugin {1}, instance counter "
@@ -189,6 +198,7 @@ int DelayLoadPlugin::DestroyInstance(const CallContext& context, void* instance,
                       plugin_error, plugin, file_path_);
         return VESSA_FAILED;
     }
+    VESSA_SYNC_POINT("record.instance.destroyed", this);
     instance_counter_.Lower(context.thread);
     LOG_FORMAT_IN(context.log, kDebug,
                   "destroy tarnet instance succeeded, instance {0}, plugin {1}, instance counter "

@@ -6,6 +6,7 @@
 #include "common/AsymmetricFence.h"
 #include "common/Contain.h"
 #include "common/MessageFormat.h"
+#include "common/SyncPoint.h"
 #include "common/ThreadScope.h"
 #include "process/Process.h"
 #include "vessa/vessa.h"
@@ -37,7 +38,7 @@ void DestroyIfQuiet() {
 struct LibraryLife {
     LibraryLife() {
         AsymmetricFence::Prepare();
-        Contain([] { the_life_cycle.store(new (storage) LifeCycle); });
+        Contain([] { LifeCycle::Make(); });
     }
     ~LibraryLife() {
         if (!process::BeingUnloaded()) {
@@ -54,7 +55,11 @@ struct LibraryLife {
 // The runtime's own mutex, locked for a stretch.
 class GlobalLock {
   public:
-    explicit GlobalLock(tova_mutex_t& mutex) : mutex_(mutex) { TOVA_MutexLock(&mutex_); }
+    explicit GlobalLock(tova_mutex_t& mutex) : mutex_(mutex) {
+        VESSA_SYNC_POINT("life.global.asks", &mutex_);
+        TOVA_MutexLock(&mutex_);
+        VESSA_SYNC_POINT("life.global.has_mutex", &mutex_);
+    }
     ~GlobalLock() { TOVA_MutexUnlock(&mutex_); }
     GlobalLock(const GlobalLock&) = delete;
     GlobalLock& operator=(const GlobalLock&) = delete;
@@ -98,6 +103,7 @@ class LifeCycle::Claim {
             if (life_cycle_.Change(seen, State{kIdle, keep_users ? seen.users + add : 0})) break;
         }
         held_ = false;
+        VESSA_SYNC_POINT("life.phase.is_idle", &life_cycle_);
         life_cycle_.phase_ended_.Post();
     }
 
@@ -118,6 +124,16 @@ LifeCycle* LifeCycle::Get() {
     return the_life_cycle.load();
 }
 
+// Where an exception ends the initialisation the next call begins it again.
+LifeCycle* LifeCycle::Make() {
+    static const bool made = [] {
+        the_life_cycle.store(new (storage) LifeCycle);
+        return true;
+    }();
+    static_cast<void>(made);
+    return Get();
+}
+
 LifeCycle::State LifeCycle::Read() const {
     const int32_t word = word_.Get();
     return State{word / kPhaseUnit, word % kPhaseUnit};
@@ -131,6 +147,7 @@ bool LifeCycle::Change(State from, State to) {
 // Only plug-in calls, and stops that were put off by one, go without the global mutex; they wait
 // for nobody who waits here.
 void LifeCycle::WaitForChange() {
+    VESSA_SYNC_POINT("life.phase.waits", this);
     phase_ended_.TimedWait(kPhaseSliceMs);
 }
 
@@ -174,6 +191,7 @@ int LifeCycle::InitInside() {
     ThreadState& thread = *ThreadScope::Current();
     for (;;) {
         const State seen = Read();
+        VESSA_SYNC_POINT("life.init.looked_inside", this);
         if (seen.phase == kStopping) return RefuseStart();
         if (seen.phase == kStarting && seen.users == 0 && thread.starting) return StartNested();
         if (seen.phase == kStarting || seen.users >= 1) {
@@ -196,6 +214,7 @@ int LifeCycle::StartNested() {
 }
 
 int LifeCycle::Start(Claim& claim) {
+    VESSA_SYNC_POINT("life.start.is_claimed", this);
     bool runs = false;
     Contain([&] {
         const StartMark mark(*ThreadScope::Current());
@@ -209,11 +228,13 @@ int LifeCycle::Start(Claim& claim) {
     if (!runs) {
         const int result = RefuseStart();
         TOVA_Fini();
+        VESSA_SYNC_POINT("life.start.failed", this);
         claim.Finish(0, false);
         return result;
     }
     process_id_.store(process::ProcessId());
     if (self_reference_ == nullptr) self_reference_ = process::ReferenceSelf();
+    VESSA_SYNC_POINT("life.start.runs", this);
     claim.Finish(1, true);
     LOG_PLAIN(kInformation, "init vessa succeeded");
     return VESSA_OK;
@@ -246,6 +267,7 @@ void LifeCycle::UninitInside() {
             LOG_PLAIN(kWarning, "vessa not init yet");
             return;
         }
+        VESSA_SYNC_POINT("life.uninit.looked_inside", this);
         if (!Change(seen, State{seen.phase, seen.users - 1})) continue;
         if (seen.users > 1)
             LOG_FORMAT(kInformation, "need not uninit vessa yet, init counter value {0}",
@@ -262,6 +284,7 @@ void LifeCycle::CarryOutPutOffStop() {
     Contain([] {
         LifeCycle* const life_cycle = Get();
         if (life_cycle == nullptr || !life_cycle->coordinator_.IsRunning()) return;
+        VESSA_SYNC_POINT("life.stop.is_due", life_cycle);
         Claim claim(*life_cycle, State{kIdle, 0}, kStopping);
         // Another thread's start and stop may have come and gone before the claim.
         if (claim.IsHeld() && life_cycle->coordinator_.IsRunning()) life_cycle->Stop(claim);
@@ -269,6 +292,7 @@ void LifeCycle::CarryOutPutOffStop() {
 }
 
 void LifeCycle::Stop(Claim& claim) {
+    VESSA_SYNC_POINT("life.stop.is_claimed", this);
     bool stopped = false;
     Contain([&] { stopped = coordinator_.Shutdown(); });
     if (!stopped) LOG_PLAIN(kWarning, "shutdown plugin coordinator failed, and ignored");
@@ -279,6 +303,7 @@ void LifeCycle::Stop(Claim& claim) {
         process::ReleaseSelf(self_reference_);
         self_reference_ = nullptr;
     }
+    VESSA_SYNC_POINT("life.stop.is_over", this);
     claim.Finish(0, false);
 }
 

@@ -38,8 +38,11 @@ class LifeCycle {
     LifeCycle(const LifeCycle&) = delete;
     LifeCycle& operator=(const LifeCycle&) = delete;
 
-    // The library's one life cycle; null if there was no memory for it, and after its end.
+    // The library's one life cycle; null while there was no memory for it, and after its end.
     static LifeCycle* Get();
+    // The same, made where there is none yet; throws std::bad_alloc if there is no memory for it
+    // now either.
+    static LifeCycle* Make();
 
     int Init();
     void Uninit();

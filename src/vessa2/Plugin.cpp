@@ -4,6 +4,7 @@
 
 #include "common/MessageFormat.h"
 #include "common/NormalizePath.h"
+#include "common/SyncPoint.h"
 #include "tova.h"
 #include "vessa/vessa.h"
 #include "vessa2/ModuleCall.h"
@@ -204,9 +205,11 @@ int Plugin::LoadPlugin() {
         LOG_PLAIN(kError, "plugin folder path should not be empty");
         return VESSA_ERR_ARGUMENT;
     }
+    VESSA_SYNC_POINT("module.load.asks", this);
     TOVA_MutexGuard guard(mutex_);
     if (unloading_) return RefuseWhileUnloading();
     const int32_t load_counter_value = load_counter_.Add(1) + 1;
+    VESSA_SYNC_POINT("module.load.counted", this);
     if (load_counter_value >= 2 && dso_handle_.load() != nullptr) {
         LOG_FORMAT(kInformation, "plugin already loaded, load_counter_value = {0}",
                    load_counter_value);
@@ -223,6 +226,7 @@ int Plugin::LoadPlugin() {
     } undo{this};
     initialising_.store(true);
     const int code = LoadFirst();
+    VESSA_SYNC_POINT("module.load.tried", this);
     initialising_.store(false);
     undo.plugin = nullptr;
     return code == VESSA_OK ? VESSA_OK : FailLoad(code);
@@ -251,6 +255,7 @@ int Plugin::LoadFirst() {
         return code;
     }
     operations_.store(&operation_record_);
+    VESSA_SYNC_POINT("module.load.before_init", this);
     return InitModule();
 }
 
@@ -328,12 +333,14 @@ int Plugin::FailLoad(int code) {
 }
 
 int Plugin::UnloadPlugin() {
+    VESSA_SYNC_POINT("module.unload.asks", this);
     TOVA_MutexGuard guard(mutex_);
     if (load_counter_.Get() < 1) {
         LOG_PLAIN(kWarning, "plugin already unloaded");
         return VESSA_OK;
     }
     const int32_t load_counter_value = load_counter_.Add(-1) - 1;
+    VESSA_SYNC_POINT("module.unload.counted", this);
     if (load_counter_value >= 1) {
         LOG_FORMAT(kInformation, "plugin will not be unloaded, load_counter_value = {0}",
                    load_counter_value);
@@ -357,6 +364,7 @@ int Plugin::UnloadLast() {
         }
     } finish{*this, dso_handle_.load()};
     unloading_ = true;
+    VESSA_SYNC_POINT("module.unload.before_uninit", this);
     int result = VESSA_OK;
     if (operation_record_.Uninit != nullptr) {
         const int failure = CallModule(kThrown, [this] { return operation_record_.Uninit(); });
@@ -371,7 +379,9 @@ int Plugin::UnloadLast() {
     void* const handle = finish.handle;
     finish.handle = nullptr;
     if (handle == nullptr) return result;
+    VESSA_SYNC_POINT("module.unload.before_close", this);
     const int unloaded = UnloadDso(handle);
+    VESSA_SYNC_POINT("module.unload.closed", this);
     if (unloaded == VESSA_OK) return result;
     LOG_FORMAT(kWarning,
                "unload plugin dso file failed, error {0}/{0:X}, plugin handle {1:X}, plugin folder "

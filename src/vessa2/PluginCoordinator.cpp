@@ -4,6 +4,7 @@
 
 #include "common/Contain.h"
 #include "common/MessageFormat.h"
+#include "common/SyncPoint.h"
 #include "vessa2/PluginListOrigin.h"
 
 namespace {
@@ -35,8 +36,10 @@ bool PluginCoordinator::Run() {
         LOG_PLAIN(kWarning, "already run");
         return true;
     }
+    VESSA_SYNC_POINT("coordinator.run.asks", this);
     TOVA_MutexGuard run_guard(run_mutex_);
     TOVA_MutexGuard guard(mutex_);
+    VESSA_SYNC_POINT("coordinator.run.has_mutexes", this);
     if (running_.load()) {
         LOG_PLAIN(kWarning, "already run");
         return true;
@@ -51,6 +54,7 @@ bool PluginCoordinator::Run() {
         }
     } run{running_, false};
     running_.store(true);
+    VESSA_SYNC_POINT("coordinator.run.says_so", this);
     Contain([&] { run.started = StartMonitor(); });
     if (!run.started) {
         running_.store(false);
@@ -85,7 +89,9 @@ bool PluginCoordinator::Shutdown() {
         LOG_PLAIN(kWarning, "already shutdown");
         return true;
     }
+    VESSA_SYNC_POINT("coordinator.shutdown.asks", this);
     TOVA_MutexGuard run_guard(run_mutex_);
+    VESSA_SYNC_POINT("coordinator.shutdown.has_run_mutex", this);
     if (!running_.load()) {
         LOG_PLAIN(kWarning, "already shutdown");
         return true;
@@ -94,8 +100,10 @@ bool PluginCoordinator::Shutdown() {
         TOVA_MutexGuard guard(mutex_);
         running_.store(false);
     }
+    VESSA_SYNC_POINT("coordinator.shutdown.says_so", this);
     // The scanning thread takes the mutex, finds that nothing runs any more, and ends.
     const bool stopped = monitor_.Stop();
+    VESSA_SYNC_POINT("coordinator.shutdown.stopped", this);
     TOVA_MutexGuard guard(mutex_);
     if (!stopped) {
         running_.store(true);
@@ -113,6 +121,7 @@ bool PluginCoordinator::Shutdown() {
             }
         } const forget{*this};
         UnregisterAll();
+        VESSA_SYNC_POINT("coordinator.shutdown.unregistered", this);
     }
     LOG_FORMAT(kInformation,
                "shutdown PluginCoordinator succeeded, plugin root {0}, config filename {1}",
@@ -208,6 +217,7 @@ void PluginCoordinator::RegisterRecord(const RegistrationTable::Place& place) {
         "register plugin succeeded, fkey {0}, file path {1}, delay load {2}, config file path "
         "{3}",
         item.fkey(), item.file_path(), item.delay_load(), item.config_file_path());
+    VESSA_SYNC_POINT("coordinator.item.registered", this);
     registered_.MarkRegistered(place);
 }
 
@@ -241,6 +251,7 @@ void PluginCoordinator::UnregisterItem(const PluginConfigItem& listed) {
 
 bool PluginCoordinator::FindPluginConfig(const char* fkey, PluginConfigItem& item) {
     TOVA_MutexGuard guard(config_mutex_);
+    VESSA_SYNC_POINT("coordinator.query.has_mutex", this);
     for (const auto& entry : config_collection_) {
         for (const PluginConfigItem& candidate : entry.second) {
             if (candidate.fkey() != fkey) continue;

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "common/AsymmetricFence.h"
+#include "common/SyncPoint.h"
 #include "vessa/vessa.h"
 #include "vessa2/PluginProvider.h"
 
@@ -21,6 +22,7 @@ PluginProvider::RecordUse::~RecordUse() {
 
 void PluginProvider::RecordUse::GiveUp() {
     if (record_ == nullptr) return;
+    VESSA_SYNC_POINT("record.use.ends", record_);
     if (is_guarded_)
         thread_.guarded.store(nullptr, std::memory_order_release);
     else
@@ -32,6 +34,7 @@ void PluginProvider::RecordUse::Guard(PluginRecord* record) {
     thread_.guarded.store(record, std::memory_order_release);
     // It is seen before the caller looks whether the instance is still there.
     AsymmetricFence::Light();
+    VESSA_SYNC_POINT("record.guard.shown", record);
     record_ = record;
     is_guarded_ = true;
 }
@@ -59,6 +62,7 @@ int PluginProvider::CreateInstance(const CallContext& context, TextRef fkey, voi
     PluginRecord* record = nullptr;
     GateRead read(gate_, context);
     if (const int refusal = FindRegistered(context.log, fkey, record)) return refusal;
+    VESSA_SYNC_POINT("create.record.found", record);
     if (const int failure = record->CreateInstance(context, fkey, instance, plugin_error)) {
         // Kept: the plug-in's error stands where the text says fkey.
         LOG_FORMAT_IN(context.log, kError,
@@ -73,6 +77,7 @@ int PluginProvider::CreateInstance(const CallContext& context, TextRef fkey, voi
                       fkey, record->file_path());
         return VESSA_OK;
     }
+    VESSA_SYNC_POINT("create.instance.made", instance);
     try {
         return KeepInstance(context, fkey, instance, *record, plugin_error);
     } catch (const std::bad_alloc&) {
@@ -111,6 +116,7 @@ int PluginProvider::KeepInstance(const CallContext& context, TextRef fkey, void*
         if (const int refusal = SettleConflict(context, fkey, instance, record, plugin_error))
             return refusal;
     }
+    VESSA_SYNC_POINT("create.instance.entered", instance);
     LOG_FORMAT_IN(context.log, kDebug,
                   "create plugin instance succeeded, instance {0}, fkey {1}, plugin file path {2}",
                   instance, fkey, record.file_path());
@@ -122,6 +128,7 @@ int PluginProvider::KeepInstance(const CallContext& context, TextRef fkey, void*
 // live any more, and the new one is entered.
 int PluginProvider::SettleConflict(const CallContext& context, TextRef fkey, void* instance,
                                    PluginRecord& record, int& plugin_error) {
+    VESSA_SYNC_POINT("conflict.mutex.asks", instance);
     TOVA_MutexGuard guard(instance_mutex_);
     InstanceTable::Record owner = nullptr;
     bool was_held = false;
@@ -136,7 +143,9 @@ int PluginProvider::SettleConflict(const CallContext& context, TextRef fkey, voi
             if (table != nullptr) table->LetGo(instance);
         }
     } const let_go{was_held ? nullptr : &instances_, instance};
+    VESSA_SYNC_POINT("conflict.entry.held", instance);
     RefuseInstance(context, fkey, instance, record, RecordOf(owner), plugin_error);
+    VESSA_SYNC_POINT("conflict.instance.destroyed", instance);
     return VESSA_ERR_INSTANCE_CONFLICT;
 }
 
@@ -171,7 +180,9 @@ int PluginProvider::DestroyInstance(const CallContext& context, void* instance, 
         return VESSA_ERR_ARGUMENT;
     }
     RecordUse use(*this, context.thread);
+    VESSA_SYNC_POINT("destroy.call.begins", instance);
     const int taken = TakeInstance(context, instance, use);
+    VESSA_SYNC_POINT("destroy.entry.taken", instance);
     if (taken != VESSA_OK || use.record() == nullptr) return taken;
     PluginRecord& record = *use.record();
     if (const int failure = record.DestroyInstance(context, instance, plugin_error)) {
@@ -181,6 +192,7 @@ int PluginProvider::DestroyInstance(const CallContext& context, void* instance, 
             failure, plugin_error, instance);
         return failure;
     }
+    VESSA_SYNC_POINT("destroy.instance.gone", &record);
     if (!record.IsDueForUnload()) {
         LOG_FORMAT_IN(context.log, kDebug,
                       "destroy instance succeeded, instance {0}, fkey {1}, plugin file path {2}",
@@ -191,6 +203,7 @@ int PluginProvider::DestroyInstance(const CallContext& context, void* instance, 
                   "destroy instance succeeded, and need unload plugin, instance {0}, fkey {1}, "
                   "plugin file path {2}",
                   instance, record.fkey(), record.file_path());
+    VESSA_SYNC_POINT("destroy.record.is_due", &record);
     UnloadAfterLastInstance(record);
     context.log.Renew();
     return VESSA_OK;
@@ -202,6 +215,7 @@ int PluginProvider::TakeInstance(const CallContext& context, void* instance, Rec
     const auto keep = [&](InstanceTable::Record record) { use.Keep(RecordOf(record)); };
     InstanceTable::Taken taken = instances_.Take(instance, false, keep);
     if (taken == InstanceTable::kHeld) {
+        VESSA_SYNC_POINT("destroy.entry.is_held", instance);
         // Another instance with this pointer is being destroyed, perhaps by this very thread.
         TOVA_MutexGuard guard(instance_mutex_);
         taken = instances_.Take(instance, true, keep);
@@ -231,6 +245,7 @@ void PluginProvider::UnloadAfterLastInstance(PluginRecord& record) {
 void PluginProvider::UnloadPutOff(PluginRecord& record) {
     Burial burial(graveyard_);
     GatePass pass(gate_, GatePass::AsWriter{});
+    VESSA_SYNC_POINT("unload.put_off.looks", &record);
     const PluginRecord* const found = plugins_.Find(record.fkey().view());
     if (found == nullptr && !plugins_.HasEntryWithoutRecord(record.fkey().view())) {
         LOG_FORMAT(kInformation, "plugin already unloaded, fkey {0}, plugin file path {1}",
@@ -246,6 +261,7 @@ void PluginProvider::UnloadPutOff(PluginRecord& record) {
     plugins_.Take(&record);
     burial.Take(&record);
     pass.Downgrade();
+    VESSA_SYNC_POINT("unload.put_off.unloads", &record);
     const int failure = record.Unload();
     if (failure == VESSA_OK)
         LOG_FORMAT(kInformation, "unload plugin succeeded, fkey {0}, file path {1}, delay load {2}",
@@ -296,6 +312,7 @@ bool PluginProvider::GuardInstance(void* instance, RecordUse& use, bool& is_ther
         const InstanceTable::Found found = instances_.Find(instance);
         is_there = found.is_there;
         if (found.record == nullptr) return true;
+        VESSA_SYNC_POINT("query.record.found", found.record);
         use.Guard(RecordOf(found.record));
         if (InstanceTable::IsCurrent(found)) return true;
         use.Keep(nullptr);
@@ -310,6 +327,7 @@ int PluginProvider::FindInstance(const CallContext& context, void* instance, Tex
         is_there = instances_.WithEntry(
             instance, [&](InstanceTable::Record record) { use.Keep(RecordOf(record)); });
     }
+    VESSA_SYNC_POINT("query.record.kept", instance);
     if (!is_there) {
         LOG_FORMAT_IN(
             context.log, kWarning,

@@ -5,6 +5,7 @@
 
 #include "common/MessageFormat.h"
 #include "common/NormalizePath.h"
+#include "common/SyncPoint.h"
 #include "vessa/vessa.h"
 
 namespace {
@@ -70,6 +71,7 @@ int PluginLoader::LoadPlugin(const std::string& file_path, Plugin*& plugin) {
             if (plugin != nullptr) loader.Release(plugin);
         }
     } undo{*this, shared};
+    VESSA_SYNC_POINT("loader.load.referenced", shared);
     const int code = shared->LoadPlugin();
     if (code != VESSA_OK) {
         LOG_FORMAT(kError, "load plugin failed {0}/{0:X}, plugin file path {1}", code,
@@ -92,7 +94,9 @@ int PluginLoader::Acquire(const std::string& file_path, Plugin*& plugin) {
         LOG_FORMAT(kError, "plugin filename is empty, param file_path = {0}", file_path);
         return VESSA_ERR_ARGUMENT;
     }
+    VESSA_SYNC_POINT("loader.load.asks", this);
     TOVA_MutexGuard guard(mutex_);
+    VESSA_SYNC_POINT("loader.load.has_mutex", this);
     auto found = collection_.find(filename);
     if (found != collection_.end() && found->second == nullptr) {
         LOG_FORMAT(kWarning,
@@ -130,6 +134,7 @@ Plugin* PluginLoader::AddPlugin(const std::string& filename, const std::string& 
 
 // Takes the reference of a failed load back, and the object with the last.
 void PluginLoader::Release(Plugin* plugin) {
+    VESSA_SYNC_POINT("loader.load.gives_back", plugin);
     TOVA_MutexGuard guard(mutex_);
     if (plugin->reference_counter().Add(-1) > 1) return;
     collection_.erase(plugin->filename());
@@ -142,6 +147,7 @@ int PluginLoader::UnloadPlugin(Plugin* plugin) {
         return VESSA_ERR_ARGUMENT;
     }
     if (const int refusal = CheckHeld(plugin)) return refusal;
+    VESSA_SYNC_POINT("loader.unload.checked", plugin);
     const int code = plugin->UnloadPlugin();
     if (code != VESSA_OK) {
         // Kept: the reference is not given back, so the file name stays taken.
@@ -149,10 +155,12 @@ int PluginLoader::UnloadPlugin(Plugin* plugin) {
                    plugin, plugin->filename());
         return code;
     }
+    VESSA_SYNC_POINT("loader.unload.unloaded", plugin);
     // Said before the object goes, or anybody else can let it go: a copy of its names could
     // fail, and an unload must not.
     TOVA_MutexGuard guard(mutex_);
     const int32_t references = plugin->reference_counter().Add(-1) - 1;
+    VESSA_SYNC_POINT("loader.unload.unreferenced", plugin);
     if (references < 1) collection_.erase(plugin->filename());
     LOG_FORMAT(kInformation,
                "unload plugin succeeded, plugin {0}, plugin reference {1}, plugin filename {2}, "

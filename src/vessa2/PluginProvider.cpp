@@ -6,6 +6,7 @@
 #include "common/AsymmetricFence.h"
 #include "common/MessageFormat.h"
 #include "common/NormalizePath.h"
+#include "common/SyncPoint.h"
 #include "vessa/vessa.h"
 
 namespace {
@@ -113,7 +114,9 @@ int PluginProvider::EnterAndLoad(const std::string& fkey, const std::string& fil
     if (record == nullptr) return RefuseForMemory(fkey, file_path, delay_load);
     record->SetUnregistered(false);
     record->set_delay_load(delay_load);
+    VESSA_SYNC_POINT("registry.register.entered", this);
     pass.Downgrade();
+    VESSA_SYNC_POINT("registry.register.loads", this);
     if (!record->delay_load()) {
         if (const int failure = record->LoadPlugin())
             LOG_FORMAT(kError, "load plugin failed {0}/{0:X}, fkey {1}, file path {2}", failure,
@@ -178,9 +181,11 @@ int PluginProvider::UnregisterPlugin(const std::string& fkey) {
         return VESSA_ERR_ARGUMENT;
     }
     record->SetUnregistered(true);
+    VESSA_SYNC_POINT("registry.unregister.marked", record);
     // A destroy that does not see this is seen by the count, and one that does looks itself.
     if (record->HadInstances()) AsymmetricFence::Heavy();
     if (record->HasInstances()) {
+        VESSA_SYNC_POINT("registry.unregister.puts_off", record);
         LOG_FORMAT(kWarning,
                    "unexpected, some plugin not destroyed, unload pluin later, fkey {0}, file path "
                    "{1}",
@@ -189,7 +194,9 @@ int PluginProvider::UnregisterPlugin(const std::string& fkey) {
     }
     plugins_.Take(record);
     burial.Take(record);
+    VESSA_SYNC_POINT("registry.unregister.taken", record);
     pass.Downgrade();
+    VESSA_SYNC_POINT("registry.unregister.unloads", record);
     if (const int failure = record->Unload())
         LOG_FORMAT(kError, "unload plugin failed {0}/{0:X}, fkey {1}, file path {2}", failure, fkey,
                    record->file_path());

@@ -36,6 +36,7 @@ void PluginRecord::PutOffUnload(PluginProvider& provider, RegistryGate& gate) {
     provider_ = &provider;
     Pin();
     gate.AfterRead(this);
+    VESSA_SYNC_POINT("unload.put_off.handed_over", this);
 }
 
 void PluginRecord::RunPutOff(GateTask* task) {
@@ -52,6 +53,7 @@ void PluginRecord::RunPutOff(GateTask* task) {
     // Free for the next one before the conditions are tested again: whoever puts it off from
     // now on has seen what this thread will not look at any more.
     put_off.is_put_off_.store(false);
+    VESSA_SYNC_POINT("unload.put_off.runs", &put_off);
     done.provider.UnloadPutOff(put_off);
 }
 
@@ -76,18 +78,22 @@ void PluginGraveyard::Bury(PluginRecord* record) {
         delete record;
         return;
     }
+    VESSA_SYNC_POINT("graveyard.record.comes", record);
     AsymmetricFence::Heavy();
     Push(record);
+    VESSA_SYNC_POINT("graveyard.record.in", this);
     SweepAll();
 }
 
 void PluginGraveyard::SweepAll() {
     for (PluginRecord* record = buried_.exchange(nullptr); record != nullptr;) {
         PluginRecord* const next = record->next_;
+        VESSA_SYNC_POINT("graveyard.sweep.looks", record);
         if (IsLookedAt(*record))
             Push(record);
         else
             delete record;
         record = next;
     }
+    VESSA_SYNC_POINT("graveyard.sweep.done", this);
 }

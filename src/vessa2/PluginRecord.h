@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "common/RegistryGate.h"
+#include "common/SyncPoint.h"
 #include "vessa2/DelayLoadPlugin.h"
 
 class PluginProvider;
@@ -28,8 +29,14 @@ class PluginRecord : public DelayLoadPlugin, private GateTask {
 
     bool IsDueForUnload() const { return IsUnregistered() && !HasInstances(); }
 
-    void Pin() { pins_.fetch_add(1); }
-    void Unpin() { pins_.fetch_sub(1); }
+    void Pin() {
+        pins_.fetch_add(1);
+        VESSA_SYNC_POINT("record.pin.raised", this);
+    }
+    void Unpin() {
+        VESSA_SYNC_POINT("record.pin.goes", this);
+        pins_.fetch_sub(1);
+    }
     bool IsPinned() const { return pins_.load() > 0; }
 
     // Puts the unload off to the end of the thread's outermost read of the gate; nothing is

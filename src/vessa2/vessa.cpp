@@ -46,7 +46,8 @@ int VESSA_Init(void) {
         // Kept: called with every start, also when the library was started already.
         TOVA_Init();
         ThreadScope scope;
-        LifeCycle* const life_cycle = LifeCycle::Get();
+        // There may have been no memory for it when the library was loaded.
+        LifeCycle* const life_cycle = LifeCycle::Make();
         if (life_cycle != nullptr) return life_cycle->Init();
     } catch (...) {
         LetForcedUnwindingPass();

@@ -2,15 +2,19 @@
  * One source, one module for each behaviour: what deviates from a well-behaved module is said
  * by macros from CMakeLists.txt. Without any it is a good version-2 module.
  *
- *  ENTRY_V1, ENTRY_V2          the entry of that version: 0 none, 1 a table, 2 returns null
+ *  ENTRY_V1, ENTRY_V2          the entry of that version: 0 none, 1 a table, 2 returns null;
+ *                              ENTRY_V2 3: returns a pointer into nowhere
  *  NAME_V1, NAME_V2            the entry's name here, which is not exported if it is not the usual
  *  SLOT_X                      0: the slot of operation X is null
  *  INIT_RESULT ...             what the operation returns; CREATE_, DESTROY_, QUERY_, UNINIT_
  *  CREATE_WRITES               a failing create stores a pointer all the same
  *  CREATE_NULL, CREATE_SAME    success with null; the same pointer every time
- *  IKEYS                       0 a list of one, 1 null, 2 "a", "", "b", null
+ *  CREATE_GARBAGE              success with a pointer into nowhere
+ *  QUERY_NULL, QUERY_GARBAGE   the same of the interface
+ *  IKEYS                       0 a list of one, 1 null, 2 "a", "", "b", null, 3 into nowhere
+ *  VERSION_GARBAGE             a version that points into nowhere
  *  MAP_*                       the answers of the two calls of GetPluginMapFkeys
- *  THROW_X                     operation X throws
+ *  THROW_X                     operation X throws, or does what TestModule_Throw does
  *  UNDEFINED_SYMBOL, USES_DEPENDENCY   references outside of the module
  */
 #define _GNU_SOURCE
@@ -52,11 +56,23 @@
 #ifndef CREATE_SAME
 #  define CREATE_SAME 0
 #endif
+#ifndef CREATE_GARBAGE
+#  define CREATE_GARBAGE 0
+#endif
 #ifndef DESTROY_RESULT
 #  define DESTROY_RESULT 0
 #endif
 #ifndef QUERY_RESULT
 #  define QUERY_RESULT 0
+#endif
+#ifndef QUERY_NULL
+#  define QUERY_NULL 0
+#endif
+#ifndef QUERY_GARBAGE
+#  define QUERY_GARBAGE 0
+#endif
+#ifndef VERSION_GARBAGE
+#  define VERSION_GARBAGE 0
 #endif
 #ifndef IKEYS
 #  define IKEYS 0
@@ -147,6 +163,9 @@ void TestModule_Throw(const char* operation);
 #  define THROW_MAP PASSES
 #endif
 
+/* Nothing is mapped there. */
+#define NOWHERE ((size_t)8)
+
 /* The file name without folder and suffix, set before anything else of the module runs. */
 static char module_name[256];
 
@@ -233,13 +252,17 @@ static int MakeInstance(const char* fkey, void** instance) {
     instance_t* made;
     THROW_CREATE("CreateInstance");
 #if CREATE_SAME
-    static instance_t only;
-    SetUp(&only, "");
+    /* Written by nobody: two threads may be given it at once. */
+    static instance_t only = {{&only, Fkey, Add}, ""};
+    (void)SetUp;
     (void)fkey;
     made = &only;
 #elif CREATE_NULL
     (void)fkey;
     made = NULL;
+#elif CREATE_GARBAGE
+    (void)fkey;
+    made = (void*)NOWHERE;
 #else
     if (CREATE_RESULT != 0) {
         static char scribble;
@@ -275,7 +298,7 @@ static int DestroyInstance(void* instance) {
     if (Hooked("DestroyInstance", instance, NULL, &result)) return result;
     THROW_DESTROY("DestroyInstance");
     /* Freed also when the result is a failure: nobody may use it afterwards. */
-    if (!CREATE_SAME) free(instance);
+    if (!CREATE_SAME && !CREATE_GARBAGE) free(instance);
     return DESTROY_RESULT;
 }
 
@@ -290,6 +313,8 @@ static int QueryInterface(void* instance, const char* ikey, void** iface) {
     }
     if (strcmp(ikey, TEST_MODULE_IKEY) != 0) return TEST_MODULE_ERR_UNKNOWN_IKEY;
     *iface = &((instance_t*)instance)->interface;
+    if (QUERY_NULL) *iface = NULL;
+    if (QUERY_GARBAGE) *iface = (void*)NOWHERE;
     return 0;
 }
 
@@ -298,6 +323,8 @@ static const char** GetAllInterfaceIkeys(void) {
     static const char** const ikeys = NULL;
 #elif IKEYS == 2
     static const char* ikeys[] = {"a", "", "b", NULL};
+#elif IKEYS == 3
+    const char** const ikeys = (const char**)NOWHERE;
 #else
     static const char* ikeys[] = {TEST_MODULE_IKEY, NULL};
 #endif
@@ -311,6 +338,7 @@ static const char* GetFileVersion(void) {
     int ignored;
     if (Hooked("GetFileVersion", NULL, NULL, &ignored)) return NULL;
     THROW_VERSION("GetFileVersion");
+    if (VERSION_GARBAGE) return (const char*)NOWHERE;
     return TEST_MODULE_VERSION;
 }
 
@@ -404,10 +432,10 @@ const tarnet_export_table_v2* NAME_V2(void) {
     THROW_ENTRY("Entry");
     return &table_v2;
 }
-#elif ENTRY_V2 == 2
+#elif ENTRY_V2 == 2 || ENTRY_V2 == 3
 const tarnet_export_table_v2* NAME_V2(void) {
     int ignored;
     (void)Hooked("Entry", NULL, NULL, &ignored);
-    return NULL;
+    return ENTRY_V2 == 2 ? NULL : (const tarnet_export_table_v2*)NOWHERE;
 }
 #endif

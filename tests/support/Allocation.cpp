@@ -62,6 +62,10 @@ bool AllocationMustFail() noexcept {
     return true;
 }
 
+bool AllocationsArePaused() noexcept {
+    return state.paused > 0;
+}
+
 void CountBlock(long delta) noexcept {
     live_blocks.fetch_add(delta, std::memory_order_relaxed);
 }

@@ -58,6 +58,8 @@ long LiveBlocks();
 namespace detail {
 // For the replaced operators: whether this allocation is to fail.
 bool AllocationMustFail() noexcept;
+// For an allocator of a program's own: whether the thread is inside an AllocationPause.
+bool AllocationsArePaused() noexcept;
 void CountBlock(long delta) noexcept;
 void SetOperatorsLinked() noexcept;
 }  // namespace detail

@@ -3,40 +3,14 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
-#include <cctype>
 #include <string>
 
 #include "TestPlatform.h"
+#include "unit/PathRules.h"
+
+using vessa_test::TranscribedPath;
 
 namespace {
-
-// The definition, step by step. Slow, and the only source of the expected forms below.
-std::string Transcribed(std::string path) {
-    // Backslashes, except in the leading part of a network path.
-    size_t start = 0;
-    if (path.compare(0, 2, "\\\\") == 0) {
-        const size_t next = path.find('\\', 2);
-        start = next == std::string::npos ? path.size() : next + 1;
-    }
-    for (size_t i = start; i < path.size(); ++i)
-        if (path[i] == '\\') path[i] = '/';
-    for (size_t hit = path.find("//"); hit != std::string::npos; hit = path.find("//", hit))
-        path.erase(hit, 1);
-    for (size_t hit = path.find("/./"); hit != std::string::npos; hit = path.find("/./", hit))
-        path.erase(hit, 2);
-    if (path.compare(0, 2, "./") == 0) path.erase(0, 2);
-    const auto is_drive = [&](const std::string& tail) {
-        return path.size() == 2 + tail.size() &&
-               std::isalpha(static_cast<unsigned char>(path[0])) != 0 && path[1] == ':' &&
-               path.compare(2, tail.size(), tail) == 0;
-    };
-    if (path == "/." || is_drive("/.")) return path.substr(0, path.size() - 1);
-    if (path.size() >= 2 && path.compare(path.size() - 2, 2, "/.") == 0)
-        path.erase(path.size() - 2, 2);
-    if (path == "/" || is_drive("/")) return path;
-    if (!path.empty() && path[path.size() - 1] == '/') path.erase(path.size() - 1);
-    return path;
-}
 
 double CpuSeconds() {
     timespec now{};
@@ -129,7 +103,7 @@ TEST(NormalizePath, AgreesWithItsDefinitionOnEveryShortText) {
             text.clear();
             for (const char digit : digits) text += kAlphabet[static_cast<size_t>(digit)];
             ++texts;
-            const std::string expected = Transcribed(text);
+            const std::string expected = TranscribedPath(text);
             if (NormalizePath(text) != expected || NormalizePath(text.c_str()) != expected) {
                 if (++differences <= 10)
                     ADD_FAILURE() << "\"" << text << "\": \"" << NormalizePath(text)

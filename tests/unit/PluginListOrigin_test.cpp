@@ -5,31 +5,9 @@
 #include <random>
 #include <string>
 
-#include "common/NormalizePath.h"
+#include "unit/PathRules.h"
 
 namespace {
-
-bool Starts(const std::string& text, const std::string& prefix) {
-    return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-// How a module's path is made, step by step and always with every step.
-std::string Transcribed(const std::string& list, std::string file) {
-    if (Starts(file, "./") || Starts(file, "../")) {
-        const std::string normalized = NormalizePath(list);
-        const size_t last = normalized.rfind('/');
-        std::string base = last == std::string::npos ? "" : normalized.substr(0, last);
-        if (Starts(file, "./")) file.erase(0, 2);
-        while (Starts(file, "../")) {
-            file.erase(0, 3);
-            const size_t slash = base.rfind('/');
-            if (slash == std::string::npos) return std::string();
-            base.resize(slash);
-        }
-        file = base + "/" + file;
-    }
-    return NormalizePath(file);
-}
 
 TEST(PluginListOrigin, KeepsThePathAsItIsGivenAndTheFolderNormalised) {
     const PluginListOrigin origin("/a//b/./tarnet.xml");
@@ -76,7 +54,8 @@ TEST(PluginListOrigin, FinishesEveryPathAsStepByStep) {
         const std::string file = (random() % 2 == 0 ? "./" : "") + path(6);
         if (file.empty()) continue;
         PluginListOrigin origin(list);
-        ASSERT_EQ(origin.Finish(file), Transcribed(list, file)) << list << " and " << file;
+        ASSERT_EQ(origin.Finish(file), vessa_test::TranscribedModulePath(list, file))
+            << list << " and " << file;
         relative += PluginListOrigin::IsRelative(file);
     }
     EXPECT_GT(relative, 30000);

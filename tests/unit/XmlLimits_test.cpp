@@ -5,25 +5,24 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TestPlatform.h"
 #include "ThreadStacks.h"
-
-#ifndef TIXML_USE_STL
-#  define TIXML_USE_STL
-#endif
-#include <tinyxml.h>
-
 #include "support/Allocation.h"
+#include "unit/BuiltXml.h"
 
 using vessa_test::AllocationFailure;
+using vessa_test::Build;
+using vessa_test::Built;
 using vessa_test::OnSmallStack;
 
 namespace {
 
 constexpr char kTooDeep[] = "Elements nested too deeply.";
 constexpr char kTooMany[] = "Too many attributes on one element.";
+constexpr char kTooManyNodes[] = "Too many nodes.";
 
 std::string Repeated(const std::string& part, size_t times) {
     std::string text;
@@ -42,51 +41,13 @@ std::string WithAttributes(size_t count) {
     return text + "/>";
 }
 
-// What the parser really made of a text.
-struct Built {
-    XmlExtent extent;
-    bool error = false;
-};
-
-int CountAttributes(const TiXmlElement& element) {
-    int count = 0;
-    for (const TiXmlAttribute* at = element.FirstAttribute(); at != nullptr; at = at->Next())
-        ++count;
-    return count;
-}
-
-Built Build(const std::string& text) {
-    // The parser may look past a cut character at the end.
-    const std::string padded = text + std::string(8, '\0');
-    TiXmlDocument document;
-    document.Parse(padded.c_str(), nullptr, TIXML_ENCODING_UNKNOWN);
-    Built built;
-    built.error = document.Error();
-    struct Level {
-        const TiXmlNode* node;
-        int depth;
-    };
-    std::vector<Level> left = {{&document, 0}};
-    while (!left.empty()) {
-        const Level level = left.back();
-        left.pop_back();
-        if (const TiXmlElement* const element = level.node->ToElement()) {
-            built.extent.depth = std::max(built.extent.depth, level.depth);
-            built.extent.attributes = std::max(built.extent.attributes, CountAttributes(*element));
-        }
-        for (const TiXmlNode* child = level.node->FirstChild(); child != nullptr;
-             child = child->NextSibling())
-            left.push_back({child, level.depth + 1});
-    }
-    return built;
-}
-
 void ExpectSameAsParser(const std::string& text) {
     const Built built = Build(text);
     const XmlExtent extent = MeasureXml(text);
     EXPECT_FALSE(built.error) << text;
     EXPECT_EQ(extent.depth, built.extent.depth) << text;
     EXPECT_EQ(extent.attributes, built.extent.attributes) << text;
+    EXPECT_EQ(extent.nodes, built.extent.nodes) << text;
     EXPECT_EQ(CheckXmlLimits(text), nullptr) << text;
 }
 
@@ -137,6 +98,31 @@ TEST(XmlLimits, RefusesTheAttributeBehindTheLast) {
     EXPECT_FALSE(Build(more).error);
     EXPECT_EQ(MeasureXml(more).attributes, 513);
     EXPECT_STREQ(CheckXmlLimits(more), kTooMany);
+}
+
+// Each kind of node in as few bytes as it needs. With the section they are one more.
+TEST(XmlLimits, RefusesTheNodeBehindTheLast) {
+    const std::pair<std::string, int> kinds[] = {{"<e/>", 1},    {"x<e/>", 2},   {"<!>", 1},
+                                                 {"<!---->", 1}, {"<?xml?>", 1}, {"<e></e>", 1}};
+    for (const auto& [unit, nodes] : kinds) {
+        const auto units = static_cast<size_t>((kMaxXmlNodes - 1) / nodes);
+        const std::string most = "<r>" + Repeated(unit, units) + Repeated("<e/>", nodes - 1);
+        EXPECT_EQ(MeasureXml(most + "</r>").nodes, kMaxXmlNodes) << unit;
+        EXPECT_EQ(CheckXmlLimits(most + "</r>"), nullptr) << unit;
+        EXPECT_STREQ(CheckXmlLimits(most + "<e/></r>"), kTooManyNodes) << unit;
+    }
+    const std::string many = Repeated("<![CDATA[]]>", kMaxXmlNodes);
+    EXPECT_STREQ(CheckXmlLimits("<r>" + many + "</r>"), kTooManyNodes);
+    EXPECT_EQ(CheckXmlLimits("<r><!--" + many + "--></r>"), nullptr);
+}
+
+TEST(XmlLimits, CountsTheNodesThatTheParserMakes) {
+    ExpectSameAsParser(
+        "<?xml version='1.0'?><!DOCTYPE r><r>text<e/> <!-- c -->\n<![CDATA[ d ]]> more "
+        "<e>x</e><?y?></r><!-- e -->");
+    // Blanks make a text only where they are not written as such.
+    EXPECT_EQ(MeasureXml("<r>&#32;</r>").nodes, 2);
+    EXPECT_EQ(Build("<r>&#32;</r>").extent.nodes, 1);
 }
 
 TEST(XmlLimits, BothLimitsMayBeReachedTogether) {
@@ -412,8 +398,9 @@ struct Comparison {
     void Add(const std::string& text) {
         const Built built = Build(text);
         const XmlExtent extent = MeasureXml(text);
-        const bool lower =
-            extent.depth < built.extent.depth || extent.attributes < built.extent.attributes;
+        const bool lower = extent.depth < built.extent.depth ||
+                           extent.attributes < built.extent.attributes ||
+                           extent.nodes < built.extent.nodes;
         const bool other = !built.error && (extent.depth != built.extent.depth ||
                                             extent.attributes != built.extent.attributes);
         if (lower) ++below;
