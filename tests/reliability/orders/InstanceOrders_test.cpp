@@ -100,36 +100,6 @@ TEST_F(RegistryOrders, ARecordWhoseGuardWentBeforeItWasBuriedIsDeletedAtOnce) {
     ExpectGone(1);
 }
 
-TEST_F(RegistryOrders, AQueryThatIsOverStillGuardsTheRecordUntilItSweeps) {
-    void* const instance = Create();
-    EXPECT_EQ(Unregister(), VESSA_OK);
-    Call query;
-    Call destroy;
-    EXPECT_TRUE(CarriedOut({Queries("A", query, instance), Destroys("B", destroy, instance)},
-                           {"A:record.use.ends", "B:ends", "A:ends"}));
-    EXPECT_EQ(query.result, VESSA_OK);
-    EXPECT_EQ(Passes("A", "graveyard.sweep.looks"), 1);
-    ExpectGone(1);
-}
-
-TEST_F(RegistryOrders, APinThatIsAboutToGoStillKeepsTheRecord) {
-    Declare("y", Module("good_v2", "y" MODULE_SUFFIX));
-    void* const outer = Create("y");
-    void* const instance = Create();
-    EXPECT_EQ(Unregister(), VESSA_OK);
-    Call inner;
-    modules.On("y", "QueryInterface", [&](void*) { MakeQuery(inner, instance); });
-    Call query;
-    Call destroy;
-    EXPECT_TRUE(CarriedOut({Queries("A", query, outer), Destroys("B", destroy, instance)},
-                           {"A:record.pin.goes", "B:ends", "A:ends"}));
-    EXPECT_EQ(inner.result, VESSA_OK);
-    EXPECT_EQ(Passes("A", "graveyard.sweep.looks"), 1);
-    ExpectGone(1);
-    EXPECT_EQ(Destroy(outer), VESSA_OK);
-    EXPECT_EQ(Unregister("y"), VESSA_OK);
-}
-
 TEST_F(RegistryOrders, AQueryOfAnotherInstanceKeepsTheModuleLoaded) {
     void* const queried = Create();
     void* const destroyed = Create();
