@@ -102,10 +102,10 @@ TEST(XmlLimits, RefusesTheAttributeBehindTheLast) {
 
 // Each kind of node in as few bytes as it needs. With the section they are one more.
 TEST(XmlLimits, RefusesTheNodeBehindTheLast) {
-    const std::pair<std::string, int> kinds[] = {{"<e/>", 1},    {"x<e/>", 2},   {"<!>", 1},
-                                                 {"<!---->", 1}, {"<?xml?>", 1}, {"<e></e>", 1}};
+    const std::pair<std::string, size_t> kinds[] = {{"<e/>", 1},    {"x<e/>", 2},   {"<!>", 1},
+                                                    {"<!---->", 1}, {"<?xml?>", 1}, {"<e></e>", 1}};
     for (const auto& [unit, nodes] : kinds) {
-        const auto units = static_cast<size_t>((kMaxXmlNodes - 1) / nodes);
+        const size_t units = (size_t{kMaxXmlNodes} - 1) / nodes;
         const std::string most = "<r>" + Repeated(unit, units) + Repeated("<e/>", nodes - 1);
         EXPECT_EQ(MeasureXml(most + "</r>").nodes, kMaxXmlNodes) << unit;
         EXPECT_EQ(CheckXmlLimits(most + "</r>"), nullptr) << unit;
