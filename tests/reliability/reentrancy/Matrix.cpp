@@ -18,8 +18,8 @@
 namespace reentrancy {
 namespace {
 
-// So long stands no machine still: what takes longer waits for ever. What is said to do so is waited
-// for long enough to tell it from what comes back; under a sanitizer that takes several times as long.
+// No machine stands still for so long: what takes longer waits for ever. What is said to do so is
+// waited for long enough to tell it from what comes back, under a sanitizer several times as long.
 constexpr int kPatienceMs = 60000;
 #if defined(VESSA_SANITIZED)
 constexpr int kForEverMs = 3000;

@@ -49,7 +49,8 @@ TEST(ReentrancyMatrix, ReportsACellWithAnotherResultThanIsExpected) {
 }
 
 TEST(ReentrancyMatrix, ReportsACellThatDoesNotEnd) {
-    const ChildResult result = Matrix({"--only", kOneCell, "--plant", "endless", "--within", kSoon});
+    const ChildResult result =
+        Matrix({"--only", kOneCell, "--plant", "endless", "--within", kSoon});
     EXPECT_TRUE(result.Exited(1)) << result;
     EXPECT_NE(result.out.find(std::string(kOneCell) + ": hung, not OK"), std::string::npos)
         << result;
