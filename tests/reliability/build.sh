@@ -1,10 +1,13 @@
 # build.sh: for the families' scripts; to be sourced in the project's folder.
 #
-# build <preset> <target>...: configures build-<preset> if need be, and builds the targets.
+# build <preset> <target>...: configures build-<preset> if need be, and builds the targets. Says
+# nothing unless that fails.
 build() {
     local preset=$1
+    local log=build-$preset.log
     shift
-    [ -f "build-$preset/build.ninja" ] || cmake --preset "$preset" >"build-$preset.log" 2>&1 ||
-        { cat "build-$preset.log"; return 1; }
-    cmake --build "build-$preset" -j "$(nproc)" --target "$@" -- --quiet
+    [ -f "build-$preset/build.ninja" ] || cmake --preset "$preset" >"$log" 2>&1 ||
+        { cat "$log"; return 1; }
+    cmake --build "build-$preset" -j "$(nproc)" --target "$@" -- --quiet >"$log" 2>&1 ||
+        { cat "$log"; return 1; }
 }

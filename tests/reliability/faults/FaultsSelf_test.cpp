@@ -18,7 +18,7 @@ ChildResult Start(const char* program, const Strings& arguments) {
     ChildOptions options;
     options.program = program;
     options.arguments = arguments;
-    options.watchdog = std::chrono::seconds(110);
+    options.watchdog = std::chrono::seconds(500);
     return RunChild(options);
 }
 

@@ -14,6 +14,7 @@
 
 #include "Scenario.h"
 #include "Tracing.h"
+#include "reliability/LiveThreads.h"
 #include "skrib.h"
 
 namespace faults {
@@ -75,7 +76,7 @@ void Place::LiveHere(const Fault& fault, Tracing* tracing) {
     remains_->failed_documents = AllocationNumbers().failed_documents;
     remains_->census = TakeCensus();
     remains_->largest_document = LargestDocument();
-    remains_->threads = CountEntries("/proc/self/task");
+    remains_->threads = vessa_test::CountLiveThreads();
     remains_->descriptors = CountEntries("/proc/self/fd");
 }
 

@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -154,7 +155,9 @@ class Run {
                     {Fault{Kind::kRuntime, functions[i].function}, functions[i].name});
             }
         }
-        Place place(options_.library, Plant::kNone, options_.watchdog_s);
+        // A short watchdog is for what hangs.
+        constexpr unsigned kPatienceS = 60;
+        Place place(options_.library, Plant::kNone, std::max(options_.watchdog_s, kPatienceS));
         for (Series& series : series_) {
             const Judgement judgement = place.Live(series.fault, nullptr);
             if (judgement.verdict != Verdict::kGood)

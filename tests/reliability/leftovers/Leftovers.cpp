@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "CountedMalloc.h"
+#include "reliability/LiveThreads.h"
 #include "skrib.h"
 #include "support/Allocation.h"
 
@@ -110,7 +111,7 @@ Figures Figures::Now() {
     now.bytes = BytesInUse();
     now.blocks = LiveBlocks();
     now.descriptors = CountEntries("/proc/self/fd") - 1;  // the one of the counting
-    now.threads = CountEntries("/proc/self/task");
+    now.threads = CountLiveThreads();
     now.mappings = CountLines("/proc/self/maps");
     return now;
 }

@@ -29,7 +29,7 @@ struct Figures {
     long blocks = 0;       // given out by operator new
     long bytes = 0;        // asked of malloc and its like; see CountedMalloc.h
     long descriptors = 0;  // /proc/self/fd
-    long threads = 0;      // /proc/self/task
+    long threads = 0;      // reliability/LiveThreads.h
     long mappings = 0;     // lines of /proc/self/maps
 
     // Counts; the counting itself leaves nothing.

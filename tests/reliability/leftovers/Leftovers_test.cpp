@@ -16,7 +16,7 @@ ChildResult RunProgram(const std::string& program, std::vector<std::string> coun
     options.program = program;
     options.arguments = std::move(counts);
     if (!plant.empty()) options.arguments.insert(options.arguments.end(), {"--plant", plant});
-    options.watchdog = std::chrono::seconds(110);
+    options.watchdog = std::chrono::seconds(500);
     return RunChild(options);
 }
 

@@ -32,8 +32,7 @@
 // For a file of which every truncation is looked at:
 //
 //     cut BYTES LINE     what is logged as the reason when it is cut to so many bytes or more, up
-//     to
-//                        the next such line; or "accepted"
+//                        to the next such line; or "accepted"
 //
 // In TEXT, KEY and LINE stand \n, \t, \r, \s (a blank), \\ and \xHH for bytes.
 #pragma once

@@ -22,7 +22,8 @@ search() {
     timeout -s KILL "${seconds:-1200}" nice ./pan $options >log 2>&1 || true
     grep -q 'errors: ' log || { echo "model: $model $definitions did not end"; tail -5 log; exit 1; }
 }
-stored() { awk '/states, stored/ {print $1; exit}' log; }
+# Many states are printed as 1.2e+08, with which the shell does not calculate.
+stored() { awk '/states, stored/ {printf "%.0f\n", $1; exit}' log; }
 
 states=0
 # holds <model> <definitions> [<compiler> <pan>]: a search that comes to its end and finds nothing.

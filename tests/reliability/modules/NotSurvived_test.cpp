@@ -18,9 +18,9 @@ using vessa_test::ChildResult;
 
 // To come to the act, and to be seen not to come back.
 #if defined(VESSA_SANITIZED)
-constexpr std::chrono::milliseconds kLongEnough{8000};
+constexpr std::chrono::milliseconds kLongEnough{15000};
 #else
-constexpr std::chrono::milliseconds kLongEnough{2500};
+constexpr std::chrono::milliseconds kLongEnough{6000};
 #endif
 
 enum class End { kHangs, kExits, kIsKilled };

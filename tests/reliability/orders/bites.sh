@@ -3,7 +3,7 @@
 # say so with the text, a regular expression.
 set -uo pipefail
 program=$1 order=$2 text=$3
-export VESSA_ORDER_LIMIT_MS=3000
+export VESSA_ORDER_LIMIT_MS=10000
 output=$("$program" --gtest_filter="$order" 2>&1)
 status=$?
 fail() {

@@ -17,8 +17,14 @@ namespace vessa_random {
 namespace {
 
 constexpr long kPhasesBetweenStops = 4;
-// On a busy machine a minute may be too short for all that is rare.
+// On a busy machine a minute may be too short for all that is rare; and what comes a few times in
+// so many phases on the average may not come in just these.
 constexpr long kPhasesToBeComplete = 24;
+constexpr long kMostPhasesToBeComplete = 240;
+
+bool IsEnoughToBeComplete(long phase) {
+    return phase >= kMostPhasesToBeComplete || (phase >= kPhasesToBeComplete && IsComplete());
+}
 
 // Several threads at once, each with its number; ends when all have ended.
 void RunThreads(int threads, const std::function<void(int)>& run) {
@@ -64,7 +70,7 @@ void Conductor::Run() {
         const bool over = std::chrono::steady_clock::now() >= end;
         const bool enough = TheOptions().phases > 0
                                 ? phase == TheOptions().phases
-                                : over && (!TheOptions().complete || phase >= kPhasesToBeComplete);
+                                : over && (!TheOptions().complete || IsEnoughToBeComplete(phase));
         if (enough) break;
         RunPhase(phase);
         if (phase % kPhasesBetweenStops != kPhasesBetweenStops - 1) continue;

@@ -61,15 +61,19 @@ long Faults() {
     return faults;
 }
 
-bool PrintCounts() {
-    bool complete = true;
+bool IsComplete() {
+    for (int kind = 0; kind < kKinds; ++kind) {
+        if (kNames[kind] != nullptr && counts[kind].load() == 0) return false;
+    }
+    return true;
+}
+
+void PrintCounts() {
     for (int kind = 0; kind < kKinds; ++kind) {
         if (kNames[kind] == nullptr) continue;
         const long count = counts[kind].load();
         std::printf("%12ld  %s%s\n", count, kNames[kind], count == 0 ? "  NEVER" : "");
-        complete = complete && count > 0;
     }
-    return complete;
 }
 
 }  // namespace vessa_random

@@ -93,8 +93,10 @@ void Count(Kind kind);
 void CountResult(int result);
 long CountOf(Kind kind);
 long Faults();
-// One line for each kind. False: at least one never occurred.
-bool PrintCounts();
+// Whether each kind has occurred.
+bool IsComplete();
+// One line for each kind.
+void PrintCounts();
 
 }  // namespace vessa_random
 

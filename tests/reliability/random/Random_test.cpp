@@ -15,7 +15,7 @@ ChildResult RunRandom(std::vector<std::string> more) {
     options.program = RANDOM_PROGRAM;
     options.arguments = {"--operations", "4000"};
     options.arguments.insert(options.arguments.end(), more.begin(), more.end());
-    options.watchdog = std::chrono::seconds(110);
+    options.watchdog = std::chrono::seconds(500);
     return RunChild(options);
 }
 

@@ -7,6 +7,8 @@
 //   vessa_reentrancy --only <text>          the cells whose name contains the text, as
 //                                           "Init in a start / thread of the slot / no writer /
 //                                           Init"
+//   vessa_reentrancy --within <ms>          how long a call may take, and the way back; without it
+//                                           a minute, for machines that have other things to do
 //   vessa_reentrancy --for-ever <ms>        how long what is said to wait for ever is waited for
 //   vessa_reentrancy --cross one|two        two modules that use each other in their Init, on one
 //                                           thread or on two: the second must not come back
@@ -54,6 +56,8 @@ bool Read(int count, char** values, Arguments& arguments) {
             arguments.write = value;
         else if (name == "--compare")
             arguments.compare = value;
+        else if (name == "--within")
+            arguments.plan.within_ms = std::stoi(value);
         else if (name == "--for-ever")
             arguments.plan.for_ever_ms = std::stoi(value);
         else if (name == "--workers")
@@ -104,18 +108,21 @@ bool IsText(const std::string& file, const std::string& text) {
 
 int main(int count, char** values) {
     Arguments arguments;
-    if (count > 4 && values[1] == std::string("--cells")) {
+    if (count > 5 && values[1] == std::string("--cells")) {
         reentrancy::SetUpWatchdog();
         arguments.plan.plant = values[2];
         arguments.plan.for_ever_ms = std::stoi(values[3]);
+        arguments.plan.within_ms = std::stoi(values[4]);
         std::vector<int> numbers;
-        for (int i = 4; i < count; ++i) numbers.push_back(std::stoi(values[i]));
+        for (int i = 5; i < count; ++i) numbers.push_back(std::stoi(values[i]));
         reentrancy::RunCells(numbers, arguments.plan);
         return 0;
     }
     if (count == 3 && values[1] == std::string("--cross")) {
         reentrancy::SetUpWatchdog();
-        const std::string outcome = reentrancy::RunCross(values[2] == std::string("two"), 2000);
+        // Two threads never come back; one does, however long it is kept from running.
+        const bool on_two = values[2] == std::string("two");
+        const std::string outcome = reentrancy::RunCross(on_two, on_two ? 2000 : 60000);
         std::printf("%s\n", outcome.c_str());
         return 0;
     }

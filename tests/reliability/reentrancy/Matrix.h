@@ -13,6 +13,9 @@ struct Plan {
     std::string only;   // a part of the cells' names; empty: all
     std::string plant;  // a fault in the check itself: "wrong", "endless" or "user"
     int workers = 8;
+    // How long a cell may take; 0: so long that a machine which stands still for a while makes no
+    // cell fail.
+    int within_ms = 0;
     // How long a cell that is said to wait for ever is waited for; 0: long enough to tell it from
     // one that comes back.
     int for_ever_ms = 0;

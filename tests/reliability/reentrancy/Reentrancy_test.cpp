@@ -20,6 +20,8 @@ using vessa_test::ChildResult;
 constexpr char kOneCell[] =
     "CreateInstance_V2 in a first use / thread of the slot / no writer / "
     "QueryAllFkeys";
+// A cell that does not end is not waited for longer than that.
+constexpr char kSoon[] = "2000";
 
 ChildResult Matrix(std::vector<std::string> arguments) {
     ChildOptions child;
@@ -47,7 +49,8 @@ TEST(ReentrancyMatrix, ReportsACellWithAnotherResultThanIsExpected) {
 }
 
 TEST(ReentrancyMatrix, ReportsACellThatDoesNotEnd) {
-    const ChildResult result = Matrix({"--only", kOneCell, "--plant", "endless"});
+    const ChildResult result =
+        Matrix({"--only", kOneCell, "--plant", "endless", "--within", kSoon});
     EXPECT_TRUE(result.Exited(1)) << result;
     EXPECT_NE(result.out.find(std::string(kOneCell) + ": hung, not OK"), std::string::npos)
         << result;
@@ -62,7 +65,8 @@ TEST(ReentrancyMatrix, ReportsACellThatLeavesSomethingBehind) {
 TEST(ReentrancyMatrix, GoesOnBehindACellThatDoesNotEnd) {
     const std::string row =
         "CreateInstance_V2 in a first use / thread of the slot / no writer / DestroyInstance";
-    const ChildResult result = Matrix({"--only", row, "--plant", "endless", "--workers", "1"});
+    const ChildResult result =
+        Matrix({"--only", row, "--plant", "endless", "--within", kSoon, "--workers", "1"});
     EXPECT_TRUE(result.Exited(1)) << result;
     EXPECT_NE(result.out.find("2 not as expected"), std::string::npos) << result;
 }
