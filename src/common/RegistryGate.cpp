@@ -109,7 +109,8 @@ void RegistryGate::WaitForReaders() NO_THREAD_SAFETY_ANALYSIS {
         mutex_.Unlock();
         VESSA_SYNC_POINT("gate.writer.gives_up_slice", this);
         // Waiting here, not merely unlocking, is what lets the blocked readers in.
-        drained_.TimedWait(kGapMs);
+        // A post that it takes is given back: a writer that has the mutex by now may sleep for it.
+        if (drained_.TimedWait(kGapMs) == 0) drained_.Post();
         mutex_.Lock();
         VESSA_SYNC_POINT("gate.writer.has_mutex_again", this);
         undo.is_locked = true;

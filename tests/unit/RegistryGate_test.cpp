@@ -367,27 +367,6 @@ TEST(RegistryGate, AReaderForWhichAReaderWaitsGetsInBeforeTheWaitingWriter) {
     EXPECT_GE(watch.gaps, 1);
 }
 
-TEST(RegistryGate, AWriterWaitsOnWhenASliceEnds) {
-    RegistryGate gate;
-    Gate second_slice;
-    std::atomic<bool> left{false};
-    bool writer_saw_it = false;
-    std::atomic<int> slices{0};
-    Runtime runtime;
-    runtime.Before(Tova::SemTimedWait, [&](RuntimeCall& call) {
-        if (call.milliseconds >= Watch::kSliceMs && ++slices == 2) second_slice.Open();
-    });
-    std::unique_ptr<JoiningThread> writer;
-    Reading(gate, [&] {
-        writer =
-            std::make_unique<JoiningThread>([&] { Writing(gate, [&] { writer_saw_it = left; }); });
-        second_slice.Wait();
-        left = true;
-    });
-    writer->Join();
-    EXPECT_TRUE(writer_saw_it);
-}
-
 TEST(RegistryGate, WithoutAWriterThatSleepsNobodyPosts) {
     RegistryGate gate;
     Runtime runtime;

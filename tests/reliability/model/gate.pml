@@ -10,8 +10,9 @@
  * buffer first. A light fence does nothing to a buffer, a full fence empties the thread's own, and
  * a heavy fence those of all threads.
  *
- * Time. A wait ends by a post alone, unless SLICES is defined: then a slice may end at any moment.
- * Without slices a wake-up that is lost is a deadlock, which spin finds.
+ * Time. A wait ends by a post alone, unless SLICES is defined: then a slice may end at any moment, and
+ * a wait between two slices too. With SLICERS only the slices of so many threads end, the first ones.
+ * Where no slice ends a wake-up that is lost is a deadlock, which spin finds.
  *
  * What is left out: the turn for readers (it only delays), cancelled threads, what is put off. The
  * gate's counter of further reads may be taken, in place of the place, by the last thread alone. The writer's looks
@@ -23,13 +24,17 @@
  * FAIR       thread 0 writes and the others read, without end; there are no buffers, and the mutex
  *            lets threads in as they came: for the claim that a writer comes in.
  * Wrong on purpose, each to be refuted: NESTED_BLOCKS, NO_FENCE, NO_STRICT_FENCE, NO_SLEEP_FENCE,
- * NO_SECOND_LOOK, HELPER without SLICES, and FAIR with ANY_ORDER, a mutex that is not fair.
+ * NO_SECOND_LOOK, KEEPS_POST with SLICES and SLICERS=1, HELPER without SLICES, and FAIR with
+ * ANY_ORDER, a mutex that is not fair.
  */
 #ifndef N
 #define N 3
 #endif
 #ifndef WRITERS
 #define WRITERS N
+#endif
+#ifndef SLICERS
+#define SLICERS N
 #endif
 #define MAX_POSTS 3
 #define NOBODY 255
@@ -284,11 +289,14 @@ inline WaitForReaders() {
         if
         :: atomic { posts > 0 -> TakePost() }
 #ifdef SLICES
-        :: true ->
+        :: me < SLICERS ->
             Unlock();
             /*@ gate.writer.gives_up_slice */
             if
-            :: atomic { posts > 0 -> TakePost() }
+            :: atomic { posts > 0 -> TakePost() };
+#ifndef KEEPS_POST
+                atomic { Post() }
+#endif
             :: true
             fi;
             Lock()

@@ -58,6 +58,7 @@ echo '/*@ gate.reader.no_such_point */' >"$work/wrong.pml"
 fair="-DNFAIR=4 -DMEMLIM=6000"
 holds gate -DN=3
 holds gate "-DN=3 -DHELPER -DSLICES"
+holds gate "-DN=3 -DSLICES -DSLICERS=1"
 holds gate "-DN=3 -DFAIR -DWRITERS=1" "$fair" "-a -f -m12000000 -w22"
 holds registry "-DN=3 -DOWNER_TURNS=2 -DUSER_TURNS=1"
 holds registry "-DN=2 -DOWNER_TURNS=3 -DUSER_TURNS=3"
@@ -66,6 +67,7 @@ holds life -DN=3
 for variant in NESTED_BLOCKS NO_FENCE NO_STRICT_FENCE NO_SLEEP_FENCE NO_SECOND_LOOK HELPER; do
     is_wrong gate "-DN=3 -D$variant"
 done
+is_wrong gate "-DN=3 -DSLICES -DSLICERS=1 -DKEEPS_POST"
 is_wrong gate "-DN=3 -DFAIR -DANY_ORDER -DWRITERS=1" "$fair" "-a -f -m1000000 -w22"
 for variant in UNLOCK_BEFORE_REFERENCE NO_SECOND_LOOK NO_GUARD NO_COUNT_FENCE; do
     is_wrong registry "-DN=3 -DOWNER_TURNS=3 -DUSER_TURNS=2 -D$variant"

@@ -319,6 +319,25 @@ TEST_F(GateOrders, ASecondWriterGetsInBetweenTheSlicesOfTheFirst) {
                     "B:blocks", "A:ends", "C:test.writer.inside", "C:ends", "B:ends"}));
 }
 
+TEST_F(GateOrders, AWriterWithoutTheMutexGivesBackThePostThatAnotherWriterSleepsFor) {
+    EXPECT_TRUE(
+        CarriedOut({Reader("A"), Writer("B"), Writer("C")},
+                   {"A:test.reader.inside", "B:gate.writer.gives_up_slice", "C:gate.writer.sleeps",
+                    "A:ends", "B:blocks", "C:test.writer.inside", "C:ends", "B:ends"}));
+    EXPECT_EQ(Passes("C", "gate.writer.woken"), 1);
+    EXPECT_EQ(Passes("C", "gate.writer.gives_up_slice"), 0);
+}
+
+TEST_F(GateOrders, APostThatAWriterGaveBackWakesItAtMostOnceForNothing) {
+    EXPECT_TRUE(CarriedOut(
+        {Reader("A"), Writer("B"), Reader("C")},
+        {"A:test.reader.inside", "C:test.reader.inside", "B:gate.writer.gives_up_slice", "A:ends",
+         "B:gate.writer.has_mutex_again", "B:gate.writer.sleeps", "B:gate.writer.woken",
+         "B:gate.writer.sleeps", "B:gate.writer.gives_up_slice", "C:ends", "B:ends"}));
+    EXPECT_EQ(Passes("B", "gate.writer.woken"), 3);
+    EXPECT_EQ(Passes("B", "gate.writer.gives_up_slice"), 2);
+}
+
 // ---- Writers among each other, and downgrades.
 
 TEST_F(GateOrders, ASecondWriterWaitsForTheFirst) {
