@@ -139,6 +139,7 @@ __attribute__((visibility("default"))) int pthread_attr_setstacksize(pthread_att
         attributes, size);
 }
 
+#ifdef TOVA_TEST_STANDS_IN_FOR_THE_SYSTEM
 // The others in the same way. The system's own loader asks its caller's address for the caller:
 // dlopen stands in for the runtime alone, whose paths are absolute.
 #define STAND_IN_FOR(result, name, field, parameters, arguments, specifier)             \
@@ -166,6 +167,7 @@ STAND_IN_FOR(char*, dlerror, error, (), (), noexcept)
 STAND_IN_FOR(int, dlinfo, info, (void* module, int what, void* to), (module, what, to), noexcept)
 STAND_IN_FOR(int, dladdr1, address, (const void* at, Dl_info* info, void** extra, int what),
              (at, info, extra, what), noexcept)
+#endif
 
 }  // extern "C"
 
