@@ -110,6 +110,7 @@ TEST(XmlLimits, RefusesTheNodeBehindTheLast) {
         EXPECT_EQ(MeasureXml(most + "</r>").nodes, kMaxXmlNodes) << unit;
         EXPECT_EQ(CheckXmlLimits(most + "</r>"), nullptr) << unit;
         EXPECT_STREQ(CheckXmlLimits(most + "<e/></r>"), kTooManyNodes) << unit;
+        EXPECT_STREQ(CheckXmlLimits(most + "x</r>"), kTooManyNodes) << unit;
     }
     const std::string many = Repeated("<![CDATA[]]>", kMaxXmlNodes);
     EXPECT_STREQ(CheckXmlLimits("<r>" + many + "</r>"), kTooManyNodes);
