@@ -6,6 +6,8 @@
 // --vessa runs another build of the library. --plant rule has the model believe that a list file
 // which cannot be read counts as removed; --plant module has some modules not count their
 // instances. A run that does not find these does not look.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -130,7 +132,7 @@ void Mismatch(const std::string& about, const std::string& expected, const std::
     static std::atomic<bool> said{false};
     // Others may find what follows from it.
     if (said.exchange(true)) {
-        for (;;) std::this_thread::sleep_for(std::chrono::seconds(1));
+        for (;;) pause();
     }
     const Options& options = TheOptions();
     const Position position = ThisPosition();
