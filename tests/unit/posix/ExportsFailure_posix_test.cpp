@@ -12,6 +12,7 @@
 #include "support/Child.h"
 #include "support/LogCapture.h"
 #include "support/Sync.h"
+#include "unit/posix/EndsItsThread.h"
 #include "vessa/vessa.h"
 #include "vessa2/LifeCycle.h"
 
@@ -117,37 +118,19 @@ void EndTheThread(void*, const char*, int, const char*, const char*, const char*
     pthread_exit(nullptr);
 }
 
-// Whether the call ends its thread by its first record, and so never returns.
-bool EndsByItsRecord(void (*call)()) {
-    struct Body {
-        void (*call)();
-        bool returned;
-    } body{call, false};
-    const auto run = [](void* argument) -> void* {
-        Body* const own = static_cast<Body*>(argument);
-        own->call();
-        own->returned = true;
-        return nullptr;
-    };
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, run, &body) != 0) return false;
-    pthread_join(thread, nullptr);
-    return !body.returned;
-}
-
 TEST(ExportsWhoseThreadEndsInTheLogsReceiver, LetItGo) {
     SKRIB_SetThreshold("vessa", SKRIB_LEVEL_TRACE);
     ASSERT_EQ(SKRIB_SetSink(&EndTheThread, nullptr), 0);
-    EXPECT_TRUE(EndsByItsRecord([] { VESSA_Init(); }));
-    EXPECT_TRUE(EndsByItsRecord([] { VESSA_Uninit(); }));
-    EXPECT_TRUE(EndsByItsRecord([] { VESSA_CreateInstance(nullptr, nullptr, nullptr); }));
-    EXPECT_TRUE(EndsByItsRecord([] { VESSA_DestroyInstance(nullptr, nullptr); }));
+    EXPECT_TRUE(EndsItsThread([] { VESSA_Init(); }));
+    EXPECT_TRUE(EndsItsThread([] { VESSA_Uninit(); }));
+    EXPECT_TRUE(EndsItsThread([] { VESSA_CreateInstance(nullptr, nullptr, nullptr); }));
+    EXPECT_TRUE(EndsItsThread([] { VESSA_DestroyInstance(nullptr, nullptr); }));
     EXPECT_TRUE(
-        EndsByItsRecord([] { VESSA_QueryInterface(nullptr, nullptr, nullptr, nullptr); }));
+        EndsItsThread([] { VESSA_QueryInterface(nullptr, nullptr, nullptr, nullptr); }));
     EXPECT_TRUE(
-        EndsByItsRecord([] { VESSA_QueryConfigAttribute(nullptr, nullptr, nullptr, nullptr); }));
-    EXPECT_TRUE(EndsByItsRecord([] { VESSA_QueryAllFkeys(nullptr, nullptr); }));
-    EXPECT_TRUE(EndsByItsRecord([] { VESSA_ReleaseAllFkeys(nullptr, 0); }));
+        EndsItsThread([] { VESSA_QueryConfigAttribute(nullptr, nullptr, nullptr, nullptr); }));
+    EXPECT_TRUE(EndsItsThread([] { VESSA_QueryAllFkeys(nullptr, nullptr); }));
+    EXPECT_TRUE(EndsItsThread([] { VESSA_ReleaseAllFkeys(nullptr, 0); }));
     EXPECT_EQ(SKRIB_SetSink(nullptr, nullptr), 0);
     SKRIB_SetThreshold("vessa", SKRIB_LEVEL_WARNING);
     EXPECT_TRUE(LifeCycle::Get()->IsQuiet());

@@ -10,29 +10,12 @@
 #include "support/Modules.h"
 #include "support/TempDir.h"
 #include "unit/ConfigItems.h"
+#include "unit/posix/EndsItsThread.h"
 #include "vessa/vessa.h"
 #include "vessa2/PluginCoordinator.h"
 
 namespace vessa_test {
 namespace {
-
-// Runs the function on a thread that ends itself in it. False if it returned.
-bool EndsItsThread(std::function<void()> function) {
-    struct Body {
-        std::function<void()> function;
-        bool returned;
-    } body{std::move(function), false};
-    const auto run = [](void* argument) -> void* {
-        Body* const own = static_cast<Body*>(argument);
-        own->function();
-        own->returned = true;
-        return nullptr;
-    };
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, run, &body) != 0) return false;
-    pthread_join(thread, nullptr);
-    return !body.returned;
-}
 
 int Create(PluginCoordinator& coordinator, const std::string& fkey) {
     void* instance = nullptr;
